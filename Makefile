@@ -1,0 +1,78 @@
+# Thin wrapper over CMake presets and ctest. Every target installs missing
+# Debian packages first (scripts/install-deps is a no-op when all are there).
+#
+#   make run     build and run the main job
+#   make test    build and run the whole test suite
+#   make check   make test, then the ASan+UBSan and TSan suites and a fuzz smoke run
+#   make fuzz    run every fuzz target for FUZZ_SECONDS (default 300) each
+#   make bench   build and run the benchmarks
+
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 300
+FUZZ_SMOKE_SECONDS ?= 10
+SUPP := $(CURDIR)/scripts/sanitizers
+CTEST_FLAGS := --output-on-failure -j$(JOBS) --timeout 600
+
+export GTEST_DEATH_TEST_STYLE := threadsafe
+ASAN_ENV := ASAN_OPTIONS=detect_stack_use_after_return=0:detect_leaks=1:abort_on_error=0 \
+            LSAN_OPTIONS=suppressions=$(SUPP)/lsan.supp \
+            UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(SUPP)/tsan.supp
+
+.PHONY: all deps build run test check asan tsan fuzz-build fuzz-smoke fuzz bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	cmake --preset default >/dev/null
+	cmake --build build -j$(JOBS)
+
+run: build
+	./build/bin/platform_unittests --verboseunittest --verboseunittest --verboseunittest --runallunittests
+
+test: build
+	ctest --test-dir build $(CTEST_FLAGS)
+
+asan: deps
+	cmake --preset asan >/dev/null
+	cmake --build build-asan -j$(JOBS)
+	$(ASAN_ENV) ctest --test-dir build-asan $(CTEST_FLAGS)
+
+tsan: deps
+	cmake --preset tsan >/dev/null
+	cmake --build build-tsan -j$(JOBS)
+	$(TSAN_ENV) ctest --test-dir build-tsan $(CTEST_FLAGS)
+
+fuzz-build: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build build-fuzz -j$(JOBS)
+
+# Each target starts from its seeds in a scratch corpus directory, so runs
+# never modify the committed seeds.
+define run_fuzzers
+	@set -e; for f in build-fuzz/bin/fuzz_*; do \
+	  name=$$(basename $$f); corpus=build-fuzz/corpus/$$name; mkdir -p $$corpus; \
+	  if [ -d fuzz/corpus/$$name ]; then cp -n fuzz/corpus/$$name/* $$corpus/ 2>/dev/null || true; fi; \
+	  echo "== $$name ($(1) s)"; \
+	  $$f -max_total_time=$(1) -print_final_stats=1 $$corpus 2>&1 | grep -E 'stat::number_of_executed_units|stat::average_exec_per_sec|ERROR|SUMMARY' || true; \
+	  $$f -runs=0 $$corpus >/dev/null 2>&1 || { echo "$$name: corpus replay failed"; exit 1; }; \
+	  test $${PIPESTATUS[0]:-0} -eq 0; \
+	done
+endef
+
+fuzz-smoke: fuzz-build
+	$(call run_fuzzers,$(FUZZ_SMOKE_SECONDS))
+
+fuzz: fuzz-build
+	$(call run_fuzzers,$(FUZZ_SECONDS))
+
+check: test asan tsan fuzz-smoke
+
+bench: build
+	@for b in build/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+clean:
+	rm -rf build build-asan build-tsan build-fuzz

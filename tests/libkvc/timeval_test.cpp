@@ -1,0 +1,121 @@
+#include "libkvc/timeval.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <regex>
+
+namespace {
+
+TIMEVAL tv(uint32_t s, uint32_t us)
+{
+    TIMEVAL t;
+    t.tv_sec = s;
+    t.tv_usec = us;
+    return t;
+}
+
+bool same(const TIMEVAL& a, uint32_t s, uint32_t us)
+{
+    return a.tv_sec == s && a.tv_usec == us;
+}
+
+TEST(TimeVal, InitCarriesWholeSeconds)
+{
+    TIMEVAL t;
+    TimeVal_init(&t, 1, 2500000);
+    EXPECT_TRUE(same(t, 3, 500000));
+    TimeVal_init(&t, 1, 999999);
+    EXPECT_TRUE(same(t, 1, 999999));
+    TimeVal_init(&t, 0, 1000000);
+    EXPECT_TRUE(same(t, 1, 0));
+}
+
+TEST(TimeVal, Compare)
+{
+    TIMEVAL a = tv(1, 5), b = tv(1, 6), c = tv(2, 0);
+    EXPECT_EQ(TimeVal_cmp(&a, &b), -1);
+    EXPECT_EQ(TimeVal_cmp(&b, &a), 1);
+    EXPECT_EQ(TimeVal_cmp(&c, &b), 1);
+    EXPECT_EQ(TimeVal_cmp(&a, &a), 0);
+}
+
+TEST(TimeVal, AddAndSubtract)
+{
+    struct Row {
+        TIMEVAL a, b, sum, diff;
+    } rows[] = {
+        {tv(1, 600000), tv(2, 500000), tv(4, 100000), tv(0, 0)},   // a < b: difference is zero
+        {tv(2, 500000), tv(1, 600000), tv(4, 100000), tv(0, 900000)},
+        {tv(5, 0), tv(0, 999999), tv(5, 999999), tv(4, 1)},
+        {tv(3, 3), tv(3, 3), tv(6, 6), tv(0, 0)},
+        {tv(0, 999999), tv(0, 1), tv(1, 0), tv(0, 999998)},
+    };
+    for (const Row& r : rows) {
+        TIMEVAL out;
+        EXPECT_EQ(TimeVal_add(&r.a, &r.b, &out), &out);
+        EXPECT_TRUE(same(out, r.sum.tv_sec, r.sum.tv_usec)) << out.tv_sec << "." << out.tv_usec;
+        EXPECT_EQ(TimeVal_sub(&r.a, &r.b, &out), &out);
+        EXPECT_TRUE(same(out, r.diff.tv_sec, r.diff.tv_usec)) << out.tv_sec << "." << out.tv_usec;
+    }
+}
+
+TEST(TimeVal, UnnormalisedOperandsGiveZeroAndAMessage)
+{
+    TIMEVAL bad = tv(1, 1000000), ok = tv(0, 5), out = tv(9, 9);
+    testing::internal::CaptureStderr();
+    TimeVal_add(&bad, &ok, &out);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "TimeVal_add: Error: USEC not normalized\n");
+    EXPECT_TRUE(same(out, 0, 0));
+
+    out = tv(9, 9);
+    testing::internal::CaptureStderr();
+    TimeVal_sub(&bad, &ok, &out);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "TimeVal_sub: Error: USEC not normalized\n");
+    EXPECT_TRUE(same(out, 0, 0));
+}
+
+TEST(TimeVal, EarlierThanWinsOverTheNormalisationMessage)
+{
+    TIMEVAL early = tv(1, 0), late = tv(2, 0), lateBad = tv(2, 1000000), out = tv(9, 9);
+    testing::internal::CaptureStderr();
+    TimeVal_sub(&early, &late, &out);
+    TimeVal_sub(&early, &lateBad, &out);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(same(out, 0, 0));
+}
+
+TEST(TimeVal, Millis)
+{
+    TIMEVAL t;
+    TimeVal_fromMillis(&t, 1234);
+    EXPECT_TRUE(same(t, 1, 234000));
+    EXPECT_EQ(TimeVal_toMillis(&t), 1234u);
+    TIMEVAL big = tv(4294968, 0); // wraps in 32 bits
+    EXPECT_EQ(TimeVal_toMillis(&big), static_cast<uint32_t>(4294968000ull));
+    TimeVal_fromMillis(&t, UINT32_MAX);
+    EXPECT_TRUE(same(t, 4294967, 295000));
+    TIMEVAL copy;
+    EXPECT_EQ(TimeVal_copy(&t, &copy), &copy);
+    EXPECT_TRUE(same(copy, 4294967, 295000));
+}
+
+TEST(Timestamp, FormatAndClock)
+{
+    const std::regex shape("^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}$");
+    time_t before = time(nullptr);
+    std::string utc = timestamp_UTC_now();
+    std::string local = timestamp_local_now();
+    EXPECT_TRUE(std::regex_match(utc, shape)) << utc;
+    EXPECT_TRUE(std::regex_match(local, shape)) << local;
+    struct tm parts {};
+    gmtime_r(&before, &parts);
+    char expectDay[11];
+    strftime(expectDay, sizeof expectDay, "%F", &parts);
+    // The date can only differ if the test straddles midnight.
+    if (utc.substr(11) != "00:00:00") {
+        EXPECT_EQ(utc.substr(0, 10), expectDay);
+    }
+}
+
+} // namespace

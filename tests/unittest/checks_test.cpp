@@ -1,0 +1,180 @@
+// The three check kinds, their thresholds and line formats, and the printer.
+#include "output.h"
+#include "unittest/unittest.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+enum Kind { Plain, Described, Wip };
+
+std::string check(Kind kind, UNITTEST_MODE mode, int cond)
+{
+    unittest_init("U", mode);
+    unittest_context("T");
+    testing::internal::CaptureStderr();
+    switch (kind) {
+    case Plain:
+        unittest_assert_("f.cpp", 12, "x == y", cond);
+        break;
+    case Described:
+        unittest_assert_description_("f.cpp", 12, "x equals y", cond);
+        break;
+    case Wip:
+        unittest_workInProgress_("f.cpp", 12, "x == y", cond);
+        break;
+    }
+    std::vector<std::string> lines = stampedLines(testing::internal::GetCapturedStderr());
+    EXPECT_LE(lines.size(), 1u);
+    return lines.empty() ? std::string("(nothing)") : lines[0];
+}
+
+const char* const kOk = "U/T/1 OK ";
+const char* const kFailed = "U/T/1 FAILED at f.cpp:12 'x == y'";
+const char* const kFailedDescribed = "U/T/1 FAILED at f.cpp:12 'x equals y'";
+const char* const kWip = "U/T/1 WORK IN PROGRESS at f.cpp:12 in 'x == y'";
+const char* const kWipPassing =
+    "U/T/1 WORK IN PROGRESS TEST NOW PASSING - use unittest_assert() instead at f.cpp:12 in 'x == y'";
+
+TEST(UnittestChecks, LinesByKindModeAndOutcome)
+{
+    struct Row {
+        Kind kind;
+        UNITTEST_MODE mode;
+        int cond;
+        const char* line;
+    } rows[] = {
+        {Plain, UNITTEST_MODE_SUMMARY, 1, "(nothing)"},
+        {Plain, UNITTEST_MODE_STANDARD, 1, "(nothing)"},
+        {Plain, UNITTEST_MODE_DETAILED, 1, kOk},
+        {Plain, UNITTEST_MODE_VERBOSE, 1, kOk},
+        {Plain, UNITTEST_MODE_SUMMARY, 0, kFailed},
+        {Plain, UNITTEST_MODE_STANDARD, 0, kFailed},
+        {Plain, UNITTEST_MODE_VERBOSE, 0, kFailed},
+        {Described, UNITTEST_MODE_SUMMARY, 1, "(nothing)"},
+        {Described, UNITTEST_MODE_STANDARD, 1, kOk},
+        {Described, UNITTEST_MODE_VERBOSE, 1, kOk},
+        {Described, UNITTEST_MODE_SUMMARY, 0, "(nothing)"},
+        {Described, UNITTEST_MODE_STANDARD, 0, kFailedDescribed},
+        {Described, UNITTEST_MODE_DETAILED, 0, kFailedDescribed},
+        {Wip, UNITTEST_MODE_SUMMARY, 0, "(nothing)"},
+        {Wip, UNITTEST_MODE_STANDARD, 0, kWip},
+        {Wip, UNITTEST_MODE_SUMMARY, 1, "(nothing)"},
+        {Wip, UNITTEST_MODE_STANDARD, 1, kWipPassing},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(check(r.kind, r.mode, r.cond), r.line) << "kind " << r.kind << " mode " << r.mode << " cond " << r.cond;
+    }
+}
+
+TEST(UnittestChecks, Counters)
+{
+    struct Row {
+        Kind kind;
+        int cond;
+        uint32_t errors, wip;
+    } rows[] = {
+        {Plain, 1, 0, 0}, {Plain, 0, 1, 0}, {Described, 1, 0, 0}, {Described, 0, 1, 0}, {Wip, 1, 0, 0}, {Wip, 0, 0, 1},
+    };
+    for (const Row& r : rows) {
+        // SUMMARY: a failed described check prints nothing but still counts.
+        check(r.kind, UNITTEST_MODE_SUMMARY, r.cond);
+        EXPECT_EQ(unittest_tests(), 1u);
+        EXPECT_EQ(unittest_step(), 1u);
+        EXPECT_EQ(unittest_errors(), r.errors) << "kind " << r.kind;
+        EXPECT_EQ(unittest_numWorkInProgress(), r.wip) << "kind " << r.kind;
+    }
+}
+
+TEST(UnittestChecks, ContextRestartsStepOnlyAndInitRestartsAll)
+{
+    unittest_init("U", UNITTEST_MODE_SUMMARY);
+    testing::internal::CaptureStderr();
+    unittest_assert_("f", 1, "e", 0);
+    unittest_assert_("f", 1, "e", 1);
+    unittest_workInProgress_("f", 1, "e", 0);
+    unittest_context("second");
+    EXPECT_EQ(unittest_step(), 0u);
+    unittest_assert_("f", 1, "e", 0);
+    std::vector<std::string> lines = stampedLines(testing::internal::GetCapturedStderr());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1], "U/second/1 FAILED at f:1 'e'");
+    EXPECT_EQ(unittest_tests(), 4u);
+    EXPECT_EQ(unittest_errors(), 2u);
+    EXPECT_EQ(unittest_numWorkInProgress(), 1u);
+
+    unittest_init(nullptr, UNITTEST_MODE_SUMMARY); // keeps the unit name
+    EXPECT_EQ(unittest_tests(), 0u);
+    EXPECT_EQ(unittest_errors(), 0u);
+    EXPECT_EQ(unittest_numWorkInProgress(), 0u);
+    unittest_context(nullptr); // keeps the test name
+    testing::internal::CaptureStderr();
+    unittest_assert_("f", 2, "e", 0);
+    lines = stampedLines(testing::internal::GetCapturedStderr());
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], "U/second/1 FAILED at f:2 'e'");
+}
+
+TEST(UnittestChecks, NamesAreCutTo64Characters)
+{
+    const std::string seventy(70, 'n');
+    const std::string seventyT(70, 't');
+    unittest_init(seventy.c_str(), UNITTEST_MODE_SUMMARY);
+    unittest_context(seventyT.c_str());
+    testing::internal::CaptureStderr();
+    unittest_assert_("f", 1, "e", 0);
+    std::vector<std::string> lines = stampedLines(testing::internal::GetCapturedStderr());
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], std::string(64, 'n') + "/" + std::string(64, 't') + "/1 FAILED at f:1 'e'");
+}
+
+TEST(UnittestLog, PrintsAtOrBelowTheCurrentMode)
+{
+    struct Row {
+        UNITTEST_MODE ctxMode, msgMode;
+        bool printed;
+    } rows[] = {
+        {UNITTEST_MODE_SUMMARY, UNITTEST_MODE_SUMMARY, true},
+        {UNITTEST_MODE_SUMMARY, UNITTEST_MODE_STANDARD, false},
+        {UNITTEST_MODE_DETAILED, UNITTEST_MODE_DETAILED, true},
+        {UNITTEST_MODE_DETAILED, UNITTEST_MODE_VERBOSE, false},
+        {UNITTEST_MODE_VERBOSE, UNITTEST_MODE_SUMMARY, true},
+    };
+    for (const Row& r : rows) {
+        unittest_init("U", r.ctxMode);
+        unittest_context("T");
+        testing::internal::CaptureStderr();
+        unittest_log(r.msgMode, "hello");
+        std::vector<std::string> lines = stampedLines(testing::internal::GetCapturedStderr());
+        if (r.printed) {
+            ASSERT_EQ(lines.size(), 1u);
+            EXPECT_EQ(lines[0], "U/T: hello");
+        } else {
+            EXPECT_TRUE(lines.empty());
+        }
+    }
+}
+
+TEST(UnittestPrinter, OnlyTheFormatDecidesWhereALineStarts)
+{
+    unittest_init("U", UNITTEST_MODE_VERBOSE);
+    unittest_context("T");
+    testing::internal::CaptureStderr();
+    // The expression's newline comes through "%s": the text after it is not
+    // a new line as far as the printer knows, so it gets no time stamp.
+    unittest_assert_("f", 1, "a\nb", 0);
+    unittest_assert_("f", 2, "c", 1);
+    std::string out = testing::internal::GetCapturedStderr();
+    std::istringstream in(out);
+    std::string first, second, third;
+    std::getline(in, first);
+    std::getline(in, second);
+    std::getline(in, third);
+    EXPECT_EQ(stampedLines(first + "\n")[0], "U/T/1 FAILED at f:1 'a");
+    EXPECT_EQ(second, "b'");
+    EXPECT_EQ(stampedLines(third + "\n")[0], "U/T/2 OK ");
+}
+
+} // namespace

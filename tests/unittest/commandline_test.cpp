@@ -1,0 +1,173 @@
+// The command line, driven from outside through the probe runner (a registry
+// of units with known outcomes) and the product's own runner.
+#include "output.h"
+
+#include <gtest/gtest.h>
+
+#include <strings.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Result {
+    std::string out;
+    int status;
+};
+
+Result run(const std::string& program, const std::string& args)
+{
+    std::string cmd = program + " " + args + " 2>/dev/null";
+    FILE* p = popen(cmd.c_str(), "r");
+    Result r{};
+    if (!p) {
+        ADD_FAILURE() << "popen failed";
+        return r;
+    }
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) {
+        r.out.append(buf, n);
+    }
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+Result probe(const std::string& args)
+{
+    return run(KV_PROBE_PATH, args);
+}
+
+const std::string kLong = "probe_long_0123456789012345678901234567890123456789012345678901234567";
+
+bool contains(const std::vector<std::string>& lines, const std::string& line)
+{
+    for (const std::string& l : lines) {
+        if (l == line) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST(UnittestCommandline, ListsUnitsInCaseInsensitiveOrder)
+{
+    Result r = probe("--listunittest");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(stampedLines(r.out),
+              (std::vector<std::string>{"Available tests:", "probe_failOnce", "probe_failTwice", kLong.substr(0, 63),
+                                        "probe_pass", "Probe_Slow", "probe_target", "probe_wip",
+                                        "Number of tests: 7"}));
+}
+
+TEST(UnittestCommandline, RunAllReportsFailuresButExitsZero)
+{
+    Result r = probe("--runallunittests");
+    EXPECT_EQ(r.status, 0);
+    std::vector<std::string> lines = stampedLines(r.out);
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2],
+              "Failing tests(s): [ probe_failOnce (1 failure(s)), probe_failTwice (2 failure(s)) ] ");
+    EXPECT_EQ(lines.back(), "UNITTEST FAILED (7 units, 12 tests, 1 work in progress, 3 errors)");
+    EXPECT_TRUE(contains(lines, "probe_pass OK (2 tests)"));
+    EXPECT_TRUE(contains(lines, "probe_wip WORK IN PROGRESS (2 tests passed okay, 1 flagged as work in progress)"));
+    // SUMMARY mode: only failures print check lines.
+    EXPECT_FALSE(contains(lines, "probe_pass/t/1 OK "));
+}
+
+TEST(UnittestCommandline, TypeOptionsSelectUnits)
+{
+    struct Row {
+        const char* args;
+        const char* last;
+    } rows[] = {
+        {"--slowtests --runallunittests", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"},
+        {"--fasttests --rununittest probe_pass", "UNITTEST OK (1 units, 2 tests, 0 work in progress, 0 errors)"},
+        {"--fasttests --rununittest probe_target", "Error: Invalid unittest name or no tests available"},
+        {"--rununittest probe_target", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"},
+        // a type option after the run does not affect it
+        {"--rununittest probe_target --fasttests", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"},
+        {"--bogus --rununittest PROBE_PASS -x", "UNITTEST OK (1 units, 2 tests, 0 work in progress, 0 errors)"},
+    };
+    for (const Row& r : rows) {
+        Result res = probe(r.args);
+        std::vector<std::string> lines = stampedLines(res.out);
+        ASSERT_FALSE(lines.empty()) << r.args;
+        EXPECT_EQ(lines.back(), r.last) << r.args;
+        EXPECT_EQ(res.status, 0);
+    }
+}
+
+TEST(UnittestCommandline, VerbosityRaisesOneStepPerOption)
+{
+    struct Row {
+        int verbose;
+        bool okLine, verboseNote;
+    } rows[] = {{0, false, false}, {1, false, false}, {2, true, false}, {3, true, true}, {4, true, true}};
+    for (const Row& r : rows) {
+        std::string args;
+        for (int i = 0; i < r.verbose; ++i) {
+            args += "--verboseunittest ";
+        }
+        Result res = probe(args + "--rununittest probe_pass");
+        std::vector<std::string> lines = stampedLines(res.out);
+        EXPECT_EQ(contains(lines, "probe_pass/t/1 OK "), r.okLine) << r.verbose;
+        EXPECT_EQ(contains(lines, "probe_pass/t: verbose note"), r.verboseNote) << r.verbose;
+    }
+}
+
+TEST(UnittestCommandline, RununittestAsLastArgumentStops)
+{
+    Result r = probe("--rununittest");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "");
+    r = probe("--listunittest --rununittest");
+    EXPECT_EQ(stampedLines(r.out).back(), "Number of tests: 7");
+}
+
+TEST(UnittestCommandline, FragmentStandsInForTheExitOption)
+{
+    Result r = probe("--rununittest --exitunittests --runallunittests");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(stampedLines(r.out), (std::vector<std::string>{"Error: Invalid unittest name or no tests available"}));
+}
+
+TEST(UnittestCommandline, ExitEndsTheProcessAtOnce)
+{
+    Result r = probe("--rununittest probe_failOnce --exitunittests --runallunittests");
+    EXPECT_EQ(r.status, 0);
+    std::vector<std::string> lines = stampedLines(r.out);
+    EXPECT_EQ(lines.back(), "UNITTEST FAILED (1 units, 2 tests, 0 work in progress, 1 errors)");
+}
+
+TEST(UnittestCommandline, HelpAndNoArguments)
+{
+    Result r = probe("-h");
+    EXPECT_EQ(r.out, std::string(KV_PROBE_PATH) +
+                         " [--listunittest] [--verboseunittest] [--runallunittests] [--rununittest name] "
+                         "[--exitunittests] [--fasttests] [--slowtests]\n");
+    r = probe("");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "");
+}
+
+TEST(PlatformUnittests, EveryRegisteredUnitPasses)
+{
+    Result r = run(KV_PLATFORM_UNITTESTS_PATH, "--runallunittests");
+    std::vector<std::string> lines = stampedLines(r.out);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().rfind("UNITTEST OK (", 0), 0u) << r.out;
+    Result list = run(KV_PLATFORM_UNITTESTS_PATH, "--listunittest");
+    std::vector<std::string> names = stampedLines(list.out);
+    ASSERT_GE(names.size(), 2u);
+    for (size_t i = 2; i + 1 < names.size(); ++i) {
+        EXPECT_LT(strcasecmp(names[i - 1].c_str(), names[i].c_str()), 0) << names[i];
+    }
+    EXPECT_EQ(names.back(), "Number of tests: " + std::to_string(names.size() - 2));
+}
+
+} // namespace
