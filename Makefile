@@ -1,7 +1,7 @@
 # Thin wrapper over CMake presets and ctest. Every target installs missing
 # Debian packages first (scripts/install-deps is a no-op when all are there).
 #
-#   make run     build and run the main job
+#   make run     build and run the system-key crypto self-test
 #   make test    build and run the whole test suite
 #   make check   make test, then the ASan+UBSan and TSan suites and a fuzz smoke run
 #   make fuzz    run every fuzz target for FUZZ_SECONDS (default 300) each
@@ -31,7 +31,7 @@ build: deps
 	cmake --build build -j$(JOBS)
 
 run: build
-	./build/bin/platform_unittests --verboseunittest --verboseunittest --verboseunittest --runallunittests
+	./build/bin/zel_crypto_tests
 
 test: build
 	ctest --test-dir build $(CTEST_FLAGS)
