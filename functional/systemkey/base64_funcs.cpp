@@ -62,7 +62,9 @@ int base64Encode(const unsigned char* in, int inLen, char* out, int outCap)
                    static_cast<size_t>(outCap), static_cast<size_t>(required));
         return -1;
     }
-    ERR_clear_error();
+    if (ERR_peek_error() != 0) {
+        ERR_clear_error(); // report this call's error, not an older one
+    }
     const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out), in, inLen);
     if (n < 0) {
         char err[256];
@@ -105,7 +107,9 @@ int base64Decode(const char* in, int inLen, unsigned char* out, int outCap)
         return -1;
     }
 
-    ERR_clear_error();
+    if (ERR_peek_error() != 0) {
+        ERR_clear_error(); // report this call's error, not an older one
+    }
     const int n = EVP_DecodeBlock(out, reinterpret_cast<const unsigned char*>(in), inLen);
     if (n < 0) {
         char err[256];

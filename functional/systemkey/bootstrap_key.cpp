@@ -16,6 +16,8 @@
 #include "systemkey/systemkey_seams.h"
 #include "systemkey_internal.h"
 
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -68,13 +70,15 @@ RSA* getBootstrapPrivate(CRYPT_DATA* cd)
         return cd->bootstrap_private;
     }
     char err[256];
-    ERR_clear_error();
+    clearStaleErrors();
     BioCloser bio{BIO_new(BIO_s_file())};
     if (bio.bio == nullptr) {
         SK_ERROR("Failed to create BIO for bootstrap private");
         return nullptr;
     }
-    if (BIO_read_filename(bio.bio, gBootstrapPath.get()) <= 0) {
+    char path[PATH_MAX];
+    std::snprintf(path, sizeof path, "%s", gBootstrapPath.get()); // the macro wants it writable
+    if (BIO_read_filename(bio.bio, path) <= 0) {
         SK_ERROR("Failed to read private key\" Reason=\"%s", sslErrorText(err, sizeof err));
         return nullptr;
     }
@@ -137,7 +141,7 @@ bool encryptKeyWithPublicKey(const char* keyId, RSA* pub, char* out, int outCap)
     if (!wrapped.ok()) {
         return false;
     }
-    ERR_clear_error();
+    clearStaleErrors();
     const int n = RSA_public_encrypt(static_cast<int>(cd.priv_key_len), cd.priv_key, wrapped.data(),
                                      pub, RSA_PKCS1_OAEP_PADDING);
     if (n < 0) {

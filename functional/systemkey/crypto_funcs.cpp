@@ -165,6 +165,13 @@ bool encryptWithKeyId(const char* in, const char* keyId, char* out, size_t cap)
 
 } // namespace
 
+void clearStaleErrors(void)
+{
+    if (ERR_peek_error() != 0) {
+        ERR_clear_error();
+    }
+}
+
 const char* sslErrorText(char* buf, size_t size)
 {
     const unsigned long e = ERR_peek_error();
@@ -173,7 +180,7 @@ const char* sslErrorText(char* buf, size_t size)
     } else {
         ERR_error_string_n(e, buf, size);
     }
-    ERR_clear_error();
+    clearStaleErrors();
     return buf;
 }
 
@@ -324,7 +331,7 @@ bool setupCipherContext(const EVP_CIPHER* cipher, EVP_CIPHER_CTX* ctx, KIP_CRYPT
     const int enc = op == KIP_CRYPTO_OPERATION_ENCRYPT ? 1 : 0;
     if (cipher == nullptr || ctx == nullptr || key == nullptr ||
         EVP_CipherInit_ex(ctx, cipher, nullptr, key, nullptr, enc) != 1) {
-        ERR_clear_error();
+        clearStaleErrors();
         SK_ERROR("Failed to initialise the cipher");
         return false;
     }
@@ -342,7 +349,7 @@ bool performEncryption(EVP_CIPHER_CTX* ctx, const unsigned char* in, size_t inLe
         return false;
     }
     char err[256];
-    ERR_clear_error();
+    clearStaleErrors();
     int n = 0;
     if (EVP_EncryptUpdate(ctx, out, &n, in, static_cast<int>(inLen)) != 1) {
         SK_ERROR("Encrypt failure\" Reason=\"%s", sslErrorText(err, sizeof err));
@@ -367,7 +374,7 @@ bool performDecryption(EVP_CIPHER_CTX* ctx, const unsigned char* in, size_t inLe
         return false;
     }
     char err[256];
-    ERR_clear_error();
+    clearStaleErrors();
     int n = 0;
     if (EVP_DecryptUpdate(ctx, out, &n, in, static_cast<int>(inLen)) != 1) {
         SK_ERROR("Decrypt failure\" Reason=\"%s", sslErrorText(err, sizeof err));

@@ -8,7 +8,8 @@
  * a nested use on the same thread gets a buffer of its own.
  *
  * Line rules (a file of exactly 16 bytes is a bare key with id "0"):
- *   id,value[,encoding]   lines split at CR and/or LF, empty lines skipped
+ *   id,value[,encoding]   lines split at CR and/or LF, empty lines skipped;
+ *                         the text ends at its first zero byte
  *   - no comma, or nothing after it: "Failed to parse key file", search ends
  *   - empty id: treated the same way
  *   - id of more than 40 characters: reported, line skipped
@@ -254,7 +255,7 @@ bool unwrapKey(CRYPT_DATA* cd, const LineId& id, size_t idLen, const char* value
     if (!plain.ok()) {
         return false;
     }
-    ERR_clear_error();
+    clearStaleErrors();
     const int ret = bootstrapOaepDecrypt(rsa, wrapped.data(), wrappedLen, plain.data());
     if (ret < 0) {
         char err[256];
@@ -350,6 +351,10 @@ void cryptDataRelease(CRYPT_DATA* cd)
     cd->b64_blob = nullptr;
 }
 
+// The file is read first and its size asked for only when the read fills the
+// buffer: small key files, the normal case, cost open, read and close. The
+// size lines are logged before the outcome of the read, as they would be if
+// the size had been asked for first.
 bool readSystemKeyFile(char* buf, size_t cap, size_t* len)
 {
     *len = 0;
@@ -359,39 +364,37 @@ bool readSystemKeyFile(char* buf, size_t cap, size_t* len)
         SK_ERROR("Error opening system key file");
         return false;
     }
-    struct stat st;
-    if (fstat(fd, &st) != 0) {
-        close(fd);
-        SK_ERROR("Error opening system key file");
-        return false;
-    }
-    const size_t size = static_cast<size_t>(st.st_size);
-    if (size > SYSTEMKEY_MAX_FILE_SIZE) {
-        SK_ERROR("Key file is larger than maximum size limit\" File-Size=\"%zu\" Max-Size=\"%zu\"",
-                 size, static_cast<size_t>(SYSTEMKEY_MAX_FILE_SIZE));
-    } else if (size > cap) {
-        SK_ERROR("Key file is larger than read buffer\" File-Size=\"%zu\" Buffer-Size=\"%zu", size,
-                 cap);
-    }
-    const size_t want = size < cap ? size : cap;
-    *len = want;
     size_t got = 0;
-    while (got < want) {
-        const ssize_t n = read(fd, buf + got, want - got);
+    bool readError = false;
+    while (got < cap) {
+        const ssize_t n = read(fd, buf + got, cap - got);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
+            readError = n < 0;
             break;
         }
         got += static_cast<size_t>(n);
     }
+    struct stat st;
+    if (got == cap && fstat(fd, &st) == 0) {
+        const size_t size = static_cast<size_t>(st.st_size);
+        if (size > SYSTEMKEY_MAX_FILE_SIZE) {
+            SK_ERROR("Key file is larger than maximum size limit\" File-Size=\"%zu\" Max-Size=\"%zu\"",
+                     size, static_cast<size_t>(SYSTEMKEY_MAX_FILE_SIZE));
+        } else if (size > cap) {
+            SK_ERROR("Key file is larger than read buffer\" File-Size=\"%zu\" Buffer-Size=\"%zu", size,
+                     cap);
+        }
+    }
     close(fd);
-    if (got < want) {
+    *len = got;
+    if (readError) {
         SK_ERROR("Didn't read what we expected to from the system key file");
         return false;
     }
-    buf[want] = '\0';
+    buf[got] = '\0';
     return true;
 }
 
@@ -414,6 +417,8 @@ bool getPrivateKey(CRYPT_DATA* cd, const char* text, size_t len, bool active)
         return false;
     }
 
+    // Key lines are text: it ends at the first zero byte.
+    len = strnlen(text, len);
     size_t pos = 0;
     while (pos < len) {
         while (pos < len && isLineEnd(text[pos])) {

@@ -22,6 +22,10 @@ constexpr size_t kPrivKeySize = 64;
  * thread (the root cause), or "" if none. */
 const char* sslErrorText(char* buf, size_t size);
 
+/* Drops stale entries of this thread's error queue, so that a failure reports
+ * its own error. Looks before clearing: clearing an empty queue is not free. */
+void clearStaleErrors(void);
+
 /* RSA helpers, the only users of the library's RSA key API (bootstrap_key.cpp). */
 int bootstrapModulusSize(const RSA* rsa);
 int bootstrapOaepDecrypt(RSA* rsa, const unsigned char* in, int inLen, unsigned char* out);

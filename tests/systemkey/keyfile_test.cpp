@@ -43,6 +43,16 @@ TEST_F(KeyFileTest, MissingFile)
     EXPECT_FALSE(encryptStringWithSystemKey("x", out, sizeof out));
 }
 
+// A directory opens but cannot be read.
+TEST_F(KeyFileTest, UnreadableFile)
+{
+    systemkey_setKeyFilePath(dir.path().c_str());
+    char buf[32];
+    size_t len = 0;
+    EXPECT_FALSE(readSystemKeyFile(buf, 31, &len));
+    EXPECT_TRUE(log->has("Detail=\"Didn't read what we expected to from the system key file\""));
+}
+
 TEST_F(KeyFileTest, LargerThanTheBufferIsReadInPart)
 {
     keys(std::string(100, 'k'));
@@ -151,6 +161,8 @@ TEST_F(KeyFileTest, LineRules)
          "Failed to Base64 decode key\" Id=\"a"},
         {"63-byte key is selected", keyLine("a", std::string(63, 'k')), nullptr, true, std::string(63, 'k'),
          "a", nullptr},
+        {"text ends at a zero byte", keyLine("a", kKeyA) + std::string("\0b,", 3) + b64(kKeyB) + "\n", "b", false,
+         "", "b", "Failed to find required decryption key\" Id=\"b\" Operation=\"Decryption"},
         {"short key is selected", keyLine("a", "short") + b, nullptr, true, "short", "a", nullptr},
     };
     for (const Row& r : rows) {
