@@ -2,7 +2,10 @@
 #include "systemkey/crypto_funcs.h"
 #include "systemkey/crypto_steps.h"
 
+#include <atomic>
 #include <cstring>
+#include <thread>
+#include <vector>
 #include <sys/stat.h>
 
 namespace sktest {
@@ -245,6 +248,29 @@ TEST_F(WrappedKeyTest, TheCacheHoldsOneKey)
     ASSERT_TRUE(decryptUnder("v", kKeyB));
     EXPECT_EQ(log->count("Result=\"Miss"), 3u) << log->dump();
     EXPECT_EQ(log->count("Result=\"Hit"), 0u);
+}
+
+// Threads that keep replacing the single cache entry still get the right key.
+TEST_F(WrappedKeyTest, CacheUnderConcurrentUse)
+{
+    keys("v," + wrapped(kKeyB) + ",1\n" + "w," + wrapped(kKeyW) + ",1\n");
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 12; ++i) {
+                const bool useV = (i + t) % 2 == 0;
+                if (!decryptUnder(useV ? "v" : "w", useV ? kKeyB : kKeyW)) {
+                    ++bad;
+                }
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    EXPECT_EQ(bad.load(), 0) << log->dump();
+    EXPECT_EQ(log->count("Result=\"Miss") + log->count("Result=\"Hit"), 36u);
 }
 
 TEST_F(WrappedKeyTest, PlainKeysAreNotCached)

@@ -1,7 +1,10 @@
 #include "fixture.h"
 #include "systemkey/zel-log4os.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
+#include <vector>
 #include <cstring>
 #include <fcntl.h>
 #include <regex>
@@ -166,6 +169,35 @@ TEST_F(ZelLogTest, ReloadsWhenTheModificationTimeChanges)
     struct timespec times[2] = {{0, UTIME_OMIT}, st.st_mtim};
     ASSERT_EQ(utimensat(AT_FDCWD, logConf.c_str(), times, 0), 0);
     EXPECT_TRUE(logged("developer.x", 7));
+}
+
+// Loggers on several threads while the configuration keeps changing: every
+// message is either dropped or delivered whole, and nothing races.
+TEST_F(ZelLogTest, ReloadWhileOtherThreadsLog)
+{
+    configure("log4j.logger.developer=TRACE\n");
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&stop] {
+            while (!stop.load()) {
+                zel_syslog("developer.x", 7, "from a thread");
+                zel_syslog("developer.x", 3, "error from a thread");
+            }
+        });
+    }
+    for (int i = 0; i < 50; ++i) {
+        configure(i % 2 == 0 ? "log4j.logger.developer=ERROR\n" : "log4j.logger.developer=TRACE\n");
+    }
+    stop = true;
+    for (auto& th : threads) {
+        th.join();
+    }
+    for (const auto& l : log->lines()) {
+        const std::string d = detailOf(l.second);
+        EXPECT_TRUE(d == "from a thread" || d == "error from a thread") << l.second;
+    }
+    EXPECT_GT(log->count("error from a thread"), 0u);
 }
 
 TEST_F(ZelLogTest, MissingFileGivesTheDefaultInfoLevel)
