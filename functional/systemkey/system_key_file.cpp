@@ -352,9 +352,9 @@ void cryptDataRelease(CRYPT_DATA* cd)
 }
 
 // The file is read first and its size asked for only when the read fills the
-// buffer: small key files, the normal case, cost open, read and close. The
-// size lines are logged before the outcome of the read, as they would be if
-// the size had been asked for first.
+// buffer: a small key file, the normal case, costs one open, one read and one
+// close (a short read of a regular file is its end). The size lines are
+// logged before the outcome of the read, as if the size had been asked first.
 bool readSystemKeyFile(char* buf, size_t cap, size_t* len)
 {
     *len = 0;
@@ -367,7 +367,8 @@ bool readSystemKeyFile(char* buf, size_t cap, size_t* len)
     size_t got = 0;
     bool readError = false;
     while (got < cap) {
-        const ssize_t n = read(fd, buf + got, cap - got);
+        const size_t want = cap - got;
+        const ssize_t n = read(fd, buf + got, want);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -376,6 +377,9 @@ bool readSystemKeyFile(char* buf, size_t cap, size_t* len)
             break;
         }
         got += static_cast<size_t>(n);
+        if (static_cast<size_t>(n) < want) {
+            break; // a short read of a regular file is its end
+        }
     }
     struct stat st;
     if (got == cap && fstat(fd, &st) == 0) {
