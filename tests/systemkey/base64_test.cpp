@@ -1,7 +1,9 @@
 #include "fixture.h"
 #include "systemkey/base64_funcs.h"
 
+#include <algorithm>
 #include <cstring>
+#include <vector>
 #include <openssl/rand.h>
 
 namespace sktest {
@@ -119,6 +121,25 @@ TEST_F(Base64Test, PaddingCountOnlyLooksAtTheEnd)
     unsigned char out[16] = {};
     EXPECT_EQ(base64Decode("QQ==QUJD", 8, out, 6), 6);
     EXPECT_EQ(base64Decode("QUJD\n", 5, out, 6), 3);
+}
+
+// The padding count is kept in one byte: 256 trailing "=" count as none, so
+// the 192 zero bytes they decode to are returned as data.
+TEST_F(Base64Test, PaddingCountWrapsAtTwoHundredFiftySix)
+{
+    const std::string text = "QUJD" + std::string(256, '=');
+    std::vector<unsigned char> out(static_cast<size_t>(calcRequiredBase64DecodeBufferSize(text.size())));
+    EXPECT_EQ(base64Decode(text.data(), static_cast<int>(text.size()), out.data(), static_cast<int>(out.size())),
+              3 + 192);
+
+    // 255 of them are all counted: more padding than data gives a negative
+    // count and a wiped buffer.
+    const std::string text255 = "QUJDQ" + std::string(255, '=');
+    std::fill(out.begin(), out.end(), 0x5A);
+    EXPECT_EQ(base64Decode(text255.data(), static_cast<int>(text255.size()), out.data(),
+                           static_cast<int>(out.size())),
+              195 - 255);
+    EXPECT_TRUE(allZero(out.data(), out.size()));
 }
 
 TEST(Base64RoundTrip, AgreesWithTheLibraryOnRandomInput)
