@@ -97,9 +97,9 @@ bool keyLengthMatches(const CRYPT_DATA* cd)
     return true;
 }
 
-// Decryption shared by the system-key and preshared-key forms: the record
-// has its key (or gets it from `selectKey`) and the output is wiped on
-// failure.
+// Decryption shared by the system-key form (presharedKey null: the key file
+// supplies the key the string names) and the preshared-key form. The output
+// is wiped over its whole capacity on every failure.
 bool decryptCipherString(const char* in, char* out, int outCap, const char* presharedKey)
 {
     const size_t cap = capOf(outCap);
@@ -564,7 +564,7 @@ bool decryptStringWithKey(const CRYPT_DATA* cd, char* out, size_t cap)
 bool encryptStringWithSystemKey(const char* in, char* out, int outCap)
 {
     if (in == nullptr || out == nullptr) {
-        SK_ERROR("Output buffer not provided");
+        SK_ERROR(in == nullptr ? "Input not provided" : "Output buffer not provided");
         return false;
     }
     return encryptWithKeyId(in, nullptr, out, capOf(outCap));
@@ -578,7 +578,8 @@ bool decryptStringWithSystemKey(const char* in, char* out, int outCap)
 bool encryptStringWithKey(const char* in, const char* key, char* out, int outCap)
 {
     if (in == nullptr || key == nullptr || out == nullptr) {
-        SK_ERROR("Output buffer not provided");
+        SK_ERROR(out == nullptr ? "Output buffer not provided"
+                                : in == nullptr ? "Input not provided" : "Private key value cannot be zero-length");
         return false;
     }
     CryptDataGuard g;

@@ -314,6 +314,27 @@ TEST_F(CipherTest, PresharedKeyIgnoresTheIdOfTheString)
     EXPECT_STREQ(out, "preshared");
 }
 
+TEST_F(CipherTest, NullArgumentsAreRefused)
+{
+    const std::string cs = encrypt("x");
+    char out[128];
+    EXPECT_FALSE(encryptStringWithSystemKey(nullptr, out, sizeof out));
+    EXPECT_TRUE(log->has("Detail=\"Input not provided\""));
+    EXPECT_FALSE(encryptStringWithSystemKey("x", nullptr, 128));
+    EXPECT_FALSE(encryptStringWithKey(nullptr, kKeyA.c_str(), out, sizeof out));
+    EXPECT_FALSE(encryptStringWithKey("x", nullptr, out, sizeof out));
+    EXPECT_FALSE(encryptStringWithKey("x", kKeyA.c_str(), nullptr, 128));
+    EXPECT_FALSE(decryptStringWithSystemKey(cs.c_str(), nullptr, 128));
+    EXPECT_FALSE(decryptStringWithSystemKey(cs.c_str(), out, 0));
+    std::memset(out, 'x', sizeof out);
+    EXPECT_FALSE(decryptStringWithSystemKey(nullptr, out, sizeof out));
+    EXPECT_TRUE(allZero(out, sizeof out));
+    std::memset(out, 'x', sizeof out);
+    EXPECT_FALSE(decryptStringWithPresharedKey(cs.c_str(), nullptr, out, sizeof out));
+    EXPECT_TRUE(allZero(out, sizeof out));
+    EXPECT_FALSE(reencryptString(nullptr, out, sizeof out, "a"));
+}
+
 TEST_F(CipherTest, FormatCheck)
 {
     EXPECT_TRUE(isPrefixedAsCiphertext("{cipher}"));
