@@ -407,6 +407,11 @@ bool cleanCipherContext(EVP_CIPHER_CTX* ctx)
 
 bool encryptStringWithKey(const CRYPT_DATA* cd, const char* in, char* out, size_t cap)
 {
+    if (cd == nullptr || in == nullptr || out == nullptr) {
+        SK_ERROR(cd == nullptr ? "CRYPT_DATA structure not provided"
+                               : in == nullptr ? "Input not provided" : "Output buffer not provided");
+        return false;
+    }
     if (cd->cipher == nullptr) {
         SK_ERROR("Unable to perform encryption. No cipher specified");
         return false;
@@ -493,6 +498,10 @@ bool encryptStringWithKey(const CRYPT_DATA* cd, const char* in, char* out, size_
 
 bool decryptStringWithKey(const CRYPT_DATA* cd, char* out, size_t cap)
 {
+    if (cd == nullptr || out == nullptr) {
+        SK_ERROR(cd == nullptr ? "CRYPT_DATA structure not provided" : "Output buffer not provided");
+        return false;
+    }
     if (cd->priv_key_len == 0) {
         SK_ERROR("Private key value cannot be zero-length");
         return false;

@@ -321,9 +321,14 @@ TEST_F(CipherTest, NullArgumentsAreRefused)
     EXPECT_FALSE(encryptStringWithSystemKey(nullptr, out, sizeof out));
     EXPECT_TRUE(log->has("Detail=\"Input not provided\""));
     EXPECT_FALSE(encryptStringWithSystemKey("x", nullptr, 128));
-    EXPECT_FALSE(encryptStringWithKey(nullptr, kKeyA.c_str(), out, sizeof out));
-    EXPECT_FALSE(encryptStringWithKey("x", nullptr, out, sizeof out));
+    const char* none = nullptr;
+    EXPECT_FALSE(encryptStringWithKey(none, kKeyA.c_str(), out, 128));
+    EXPECT_FALSE(encryptStringWithKey("x", none, out, 128));
     EXPECT_FALSE(encryptStringWithKey("x", kKeyA.c_str(), nullptr, 128));
+    const CRYPT_DATA* noRecord = nullptr;
+    EXPECT_FALSE(encryptStringWithKey(noRecord, "x", out, sizeof out));
+    EXPECT_FALSE(decryptStringWithKey(noRecord, out, sizeof out));
+    EXPECT_EQ(log->count("CRYPT_DATA structure not provided"), 2u);
     EXPECT_FALSE(decryptStringWithSystemKey(cs.c_str(), nullptr, 128));
     EXPECT_FALSE(decryptStringWithSystemKey(cs.c_str(), out, 0));
     std::memset(out, 'x', sizeof out);
