@@ -154,7 +154,8 @@ void testKeyFile(World& w, sktest::LogCapture& log)
 void testWrappedKeys(World& w, sktest::LogCapture& log)
 {
     unittest_context("wrapped keys");
-    sktest::writeFile(w.keyFile, keyLine("a", kKeyA) + "w," + sktest::wrapKey(w.rsa, kKeyW) + ",1\n");
+    const std::string keyText = keyLine("a", kKeyA) + "w," + sktest::wrapKey(w.rsa, kKeyW) + ",1\n";
+    sktest::writeFile(w.keyFile, keyText);
     systemkey_setKeyFilePath(w.keyFile.c_str()); // forget any cached key
 
     // Encrypt under w with the reference cipher, then decrypt twice.
@@ -188,6 +189,12 @@ void testWrappedKeys(World& w, sktest::LogCapture& log)
     std::string unwrapped;
     unittest_assert(std::strlen(wrapped) == 344 && sktest::unwrapKey(w.rsa, wrapped, &unwrapped) &&
                     unwrapped == kKeyA);
+    // Written back as an encoding-1 line, it decrypts what the plain key encrypted.
+    sktest::writeFile(w.keyFile, keyLine("a", kKeyA));
+    const std::string underA = encryptSys("round the houses");
+    sktest::writeFile(w.keyFile, "a," + std::string(wrapped) + ",1\n");
+    unittest_assert(decryptSys(underA, &plain) && plain == "round the houses");
+    sktest::writeFile(w.keyFile, keyText);
     log.clear();
     unittest_assert(!encryptKeyWithPublicKey("a", pub, wrapped, 344));
     unittest_assert(log.has("Output buffer too small\" Current-Length=\"344\" Required-Length=\"345"));
@@ -248,7 +255,13 @@ void testCipherStrings(World& w, sktest::LogCapture& log)
         unittest_assert(log.has(b.line) && allZero(out, sizeof out));
     }
 
-    // Wrong keys mostly fail at the padding check; about 1 in 256 passes it.
+    // A wrong key fails at the padding check (a fixed vector, known to fail)...
+    log.clear();
+    std::memset(out, 'x', sizeof out);
+    unittest_assert(!decryptStringWithPresharedKey(legacy.c_str(), kKeyB.c_str(), out, sizeof out));
+    unittest_assert(log.has("Decryption finalisation failed\" Reason=\"") && allZero(out, sizeof out));
+
+    // ...and so do most random ones; about 1 in 256 passes the check.
     int failures = 0;
     for (int i = 0; i < 16; ++i) {
         unsigned char key[17] = {};
