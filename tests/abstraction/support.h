@@ -1,0 +1,64 @@
+/*
+ * Helpers shared by the KVOS suites: a private path map under a fresh
+ * temporary directory (nothing is created under /korvenda), capture of the
+ * abstraction's log lines, waiting for the reaper, and dump collection.
+ */
+#ifndef TESTS_ABSTRACTION_SUPPORT_H
+#define TESTS_ABSTRACTION_SUPPORT_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <log4cxx/appenderskeleton.h>
+
+#include "abstraction/kvos.h"
+
+namespace kvos_test {
+
+/* Installs a path map whose PATH_TYPE_TMP is a fresh directory under /tmp
+ * (and whose other types live below it) and returns that directory. */
+std::string installPrivatePathMap();
+/* The directory of the last installPrivatePathMap. */
+const std::string& privateDir();
+
+/* Installs a private path map and runs KVOS_init, once per process. */
+void initOnce();
+
+/* Captures everything the "developer.abstraction" logger writes (at DEBUG
+ * and above) while it lives, as "LEVEL message\n" lines. */
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::string text() const;
+    bool contains(const std::string& fragment) const;
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+private:
+    class Appender;
+    std::shared_ptr<Appender> appender_;
+    log4cxx::LevelPtr savedLevel_;
+};
+
+/* Polls pred every millisecond for at most ms milliseconds. */
+bool waitFor(const std::function<bool()>& pred, int ms = 5000);
+
+std::string taskDump();
+std::string mutexDump();
+std::string ptrqDump();
+
+/* Lines of text that contain fragment. */
+std::vector<std::string> linesWith(const std::string& text, const std::string& fragment);
+
+/* Entries of /proc/self/task and lines of /proc/self/maps. */
+size_t threadCount();
+size_t mappingCount();
+
+}  // namespace kvos_test
+
+#endif
