@@ -5,13 +5,15 @@
 #include "support.h"
 
 namespace {
-// Death tests re-run the binary: the forked child of a process with the
-// reaper and the dispatcher running would have neither.
-const bool gStyle = (GTEST_FLAG_SET(death_test_style, "threadsafe"), true);
-
 class KvosEnvironment : public ::testing::Environment {
 public:
-    void SetUp() override { kvos_test::initOnce(); }
+    void SetUp() override
+    {
+        // Death tests re-run the binary: a forked child of a process with
+        // the reaper and the dispatcher running would have neither.
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        kvos_test::initOnce();
+    }
 };
 const auto* const gEnv = ::testing::AddGlobalTestEnvironment(new KvosEnvironment);
 }  // namespace

@@ -179,3 +179,49 @@ size_t mappingCount()
 }
 
 }  // namespace kvos_test
+
+#include <errno.h>
+
+#include <log4cxx/consoleappender.h>
+#include <log4cxx/simplelayout.h>
+
+namespace kvos_test {
+
+void logToStderr()
+{
+    auto logger = getLinuxAbstractionLogger();
+    logger->setLevel(log4cxx::Level::getDebug());
+    auto layout = std::make_shared<log4cxx::SimpleLayout>();
+    auto appender = std::make_shared<log4cxx::ConsoleAppender>(layout, log4cxx::ConsoleAppender::getSystemErr());
+    logger->addAppender(appender);
+}
+
+namespace {
+thread_local int tFailErr;
+thread_local int tFailTimes;
+}  // namespace
+
+void armFailure(int err, int times)
+{
+    tFailErr = err;
+    tFailTimes = times;
+}
+
+void disarmFailure()
+{
+    tFailTimes = 0;
+}
+
+bool takeArmedFailure()
+{
+    if (tFailTimes == 0) {
+        return false;
+    }
+    if (tFailTimes > 0) {
+        --tFailTimes;
+    }
+    errno = tFailErr;
+    return true;
+}
+
+}  // namespace kvos_test

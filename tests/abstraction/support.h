@@ -61,4 +61,35 @@ size_t mappingCount();
 
 }  // namespace kvos_test
 
+#include <atomic>
+
+namespace kvos_test {
+
+/* Sends the abstraction's log lines to stderr as "LEVEL - message", so a
+ * death test can match what was logged before the process ended. */
+void logToStderr();
+
+/* Replaces one seam entry for the lifetime of the scope. */
+template <typename Fn>
+class SeamScope {
+public:
+    SeamScope(std::atomic<Fn>& entry, Fn replacement) : entry_(entry), saved_(entry.load()) { entry_.store(replacement); }
+    ~SeamScope() { entry_.store(saved_); }
+    SeamScope(const SeamScope&) = delete;
+    SeamScope& operator=(const SeamScope&) = delete;
+
+private:
+    std::atomic<Fn>& entry_;
+    Fn saved_;
+};
+
+/* Seam replacements fail only on the thread that armed them, with the
+ * armed error, for the armed number of calls (-1: every call). */
+void armFailure(int err, int times = -1);
+void disarmFailure();
+/* True (and errno set) when the calling thread's armed failure applies. */
+bool takeArmedFailure();
+
+}  // namespace kvos_test
+
 #endif
