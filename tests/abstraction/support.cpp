@@ -212,6 +212,11 @@ void disarmFailure()
     tFailTimes = 0;
 }
 
+bool takeArmedFailure(int err)
+{
+    return tFailErr == err && takeArmedFailure();
+}
+
 bool takeArmedFailure()
 {
     if (tFailTimes == 0) {

@@ -89,6 +89,8 @@ void armFailure(int err, int times = -1);
 void disarmFailure();
 /* True (and errno set) when the calling thread's armed failure applies. */
 bool takeArmedFailure();
+/* The same, but only when the armed error is err. */
+bool takeArmedFailure(int err);
 
 }  // namespace kvos_test
 
