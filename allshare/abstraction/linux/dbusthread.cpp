@@ -5,10 +5,15 @@
  * it and closes the dispatcher's wake-up pipe. A leave() that comes before
  * enter() has set the flag leaves the loop spinning on a closed pipe for
  * ever, and a second leave() throws. So the loop proves it is running: the
- * task arms a zero-length timeout before it enters, and the timeout's
+ * task arms a timeout before it enters, and the timeout's
  * callback, which the dispatcher only runs from inside its loop, reports
  * "entered". stop() waits for that report, calls leave() once, waits for
  * the entry to return, and puts a fresh dispatcher in place.
+ *
+ * The same timeout repeats every 100 ms. The dispatcher builds its poll set
+ * once per round and nothing wakes it when a connection adds a watch from
+ * another thread, so without a bound on the round a new connection could
+ * go unserved for the dispatcher's default ten seconds.
  *
  * The singleton is never destroyed: at process exit the dispatcher task may
  * still be inside the loop, and destroying the dispatcher under it would
@@ -31,12 +36,15 @@ struct DBusThread::Loop {
     bool entered = false;
     bool done = false;
 
-    void onEntered(DBus::DefaultTimeout& timeout)
+    static constexpr int kRoundMs = 100;
+
+    void onRound(DBus::DefaultTimeout&)
     {
-        timeout.enabled(false);  // one-shot: a plain DefaultTimeout fires on every round
         std::lock_guard<std::mutex> guard(lock);
-        entered = true;
-        changed.notify_all();
+        if (!entered) {
+            entered = true;
+            changed.notify_all();
+        }
     }
 
     void finished()
@@ -86,8 +94,8 @@ void DBusThread::main(void* self)
     BOOST_ASSERT_MSG(thread->dispatcher_, "the D-Bus dispatcher thread has no dispatcher");
     Loop* loop = thread->loop_.get();
     {
-        DBus::DefaultTimeout probe(0, false, thread->dispatcher_.get());
-        probe.expired = new DBus::Callback<Loop, void, DBus::DefaultTimeout&>(loop, &Loop::onEntered);
+        DBus::DefaultTimeout round(Loop::kRoundMs, true, thread->dispatcher_.get());
+        round.expired = new DBus::Callback<Loop, void, DBus::DefaultTimeout&>(loop, &Loop::onRound);
         thread->dispatcher_->enter();
     }
     loop->finished();
