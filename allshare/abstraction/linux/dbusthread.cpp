@@ -8,7 +8,10 @@
  * task arms a timeout before it enters, and the timeout's
  * callback, which the dispatcher only runs from inside its loop, reports
  * "entered". stop() waits for that report, calls leave() once, waits for
- * the entry to return, and puts a fresh dispatcher in place.
+ * the entry to return, and puts a fresh dispatcher in place. The spent
+ * dispatcher is kept, never destroyed: connections made on it refer to it
+ * (and may sit in its queue of connections to dispatch) until they are
+ * destroyed, which is only safe once no loop runs for them.
  *
  * The same timeout repeats every 100 ms. The dispatcher builds its poll set
  * once per round and nothing wakes it when a connection adds a watch from
@@ -23,6 +26,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <vector>
 
 #include <dbus-c++/dbus.h>
 
@@ -54,6 +58,15 @@ struct DBusThread::Loop {
         changed.notify_all();
     }
 };
+
+namespace {
+/* Dispatchers of earlier runs; never destroyed. */
+std::vector<DBus::BusDispatcher*>& retired()
+{
+    static auto* list = new std::vector<DBus::BusDispatcher*>;
+    return *list;
+}
+}  // namespace
 
 DBusThread& DBusThread::instance()
 {
@@ -122,11 +135,14 @@ void DBusThread::stop()
             loop->changed.wait(guard, [loop] { return loop->done; });
         }
     }
-    // The old dispatcher is spent (its wake-up pipe is closed).
+    // The old dispatcher is spent (its wake-up pipe is closed) but is kept:
+    // connections made on it still refer to it until they are destroyed,
+    // and may have queued themselves for dispatching on it.
     DBus::BusDispatcher* fresh = new DBus::BusDispatcher;
     if (DBus::default_dispatcher == dispatcher_.get()) {
         DBus::default_dispatcher = fresh;
     }
+    retired().push_back(dispatcher_.release());
     dispatcher_.reset(fresh);
     loop_.reset();
     task_id_ = 0;

@@ -7,8 +7,10 @@
  * started, or a second leave(), makes it spin or throw. stop() therefore
  * waits until the loop is known to be running, calls leave() exactly once,
  * waits for the task's entry to return and replaces the dispatcher with a
- * fresh one, so the thread may be started again. Connections, adaptors and
- * proxies must be destroyed before the dispatcher that serves them.
+ * fresh one, so the thread may be started again; the spent dispatcher is
+ * kept for the connections that still refer to it. A connection must not be
+ * destroyed while a loop runs for it (the loop may still dispatch it):
+ * stop the thread first, destroy the connections, then start it again.
  */
 #ifndef ABSTRACTION_DBUSTHREAD_H
 #define ABSTRACTION_DBUSTHREAD_H
