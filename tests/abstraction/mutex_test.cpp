@@ -170,6 +170,12 @@ TEST(KvosMutexTest, BareMutexGetsTheKvosAttributes)
 {
     pthread_mutex_t m;
     EXPECT_EQ(1, kvos_init_mutex(&m));
+    // glibc keeps the type and the protocol in the mutex's kind word; 32 is
+    // its internal priority-inheritance bit.
+    constexpr int kPrioInherit = 32;
+    int expectedKind = PTHREAD_MUTEX_ERRORCHECK | (geteuid() == 0 ? kPrioInherit : 0);
+    EXPECT_EQ(expectedKind, m.__data.__kind & (PTHREAD_MUTEX_ERRORCHECK | PTHREAD_MUTEX_RECURSIVE | kPrioInherit));
+#if !KV_TSAN
     ASSERT_EQ(0, pthread_mutex_lock(&m));
     EXPECT_EQ(EDEADLK, pthread_mutex_lock(&m));  // error-checking
     int fromOther = 0;
@@ -177,11 +183,15 @@ TEST(KvosMutexTest, BareMutexGetsTheKvosAttributes)
     t.join();
     EXPECT_EQ(EPERM, fromOther);
     EXPECT_EQ(0, pthread_mutex_unlock(&m));
+#endif
     pthread_mutex_destroy(&m);
 }
 
 TEST(KvosMutexDeathTest, UnlockByANonHolderIsFatal)
 {
+    if (KV_TSAN) {
+        GTEST_SKIP() << "ThreadSanitizer reports the wrong-thread unlock before the library can";
+    }
     KVOS_MUTEX m;
     KVOS_mutexCreate(&m, "victim");
     KVOS_mutexLock(&m);
