@@ -31,13 +31,40 @@ namespace {
 constexpr unsigned kQueueLength = 1024;
 void* const kStop = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
 
+/* Field orders of the baseline: compact (hot fields in one cache line) and
+ * the KVOS record's order (size, then the two condition variables, then the
+ * lock, then the indices: the hot fields spread over four lines). */
+struct CompactFields {
+    void** ring_;
+    unsigned length_;
+    unsigned size_ = 0, getIndex_ = 0, putIndex_ = 0, fullWaiters_ = 0, emptyWaiters_ = 0;
+    pthread_mutex_t lock_;
+    pthread_cond_t notFull_, notEmpty_;
+};
+struct KvosOrderFields {
+    void* name_ = nullptr;
+    void** ring_;
+    unsigned length_;
+    int clock_ = CLOCK_MONOTONIC;
+    unsigned size_ = 0;
+    pthread_cond_t notFull_, notEmpty_;
+    pthread_mutex_t lock_;
+    unsigned fullWaiters_ = 0, emptyWaiters_ = 0, getIndex_ = 0, putIndex_ = 0;
+};
+
 /* The baseline: the same ring and signalling, nothing else. */
-class BareQueue {
+template <typename Fields>
+class BareQueue : private Fields {
+    using Fields::ring_, Fields::length_, Fields::size_, Fields::getIndex_, Fields::putIndex_,
+        Fields::fullWaiters_, Fields::emptyWaiters_, Fields::lock_, Fields::notFull_, Fields::notEmpty_;
+
 public:
     /* sameLock: the KVOS queue's mutex attributes (error-checking, and
      * priority inheritance when root), which the design requires. */
-    BareQueue(unsigned length, bool sameLock) : ring_(new void*[length]), length_(length)
+    BareQueue(unsigned length, bool sameLock)
     {
+        ring_ = new void*[length];
+        length_ = length;
         pthread_mutexattr_t mattr;
         pthread_mutexattr_init(&mattr);
         if (sameLock) {
@@ -99,14 +126,22 @@ public:
         pthread_mutex_unlock(&lock_);
         return p;
     }
-
-private:
-    void** ring_;
-    unsigned length_;
-    unsigned size_ = 0, getIndex_ = 0, putIndex_ = 0, fullWaiters_ = 0, emptyWaiters_ = 0;
-    pthread_mutex_t lock_;
-    pthread_cond_t notFull_, notEmpty_;
 };
+
+/* Arg 0: compact, default mutex; 1: compact, the KVOS mutex attributes;
+ * 2: the KVOS record's field order and mutex attributes. */
+template <typename Body>
+void withBareQueue(benchmark::State& state, unsigned length, Body body)
+{
+    bool sameLock = state.range(0) != 0;
+    if (state.range(0) == 2) {
+        BareQueue<KvosOrderFields> a(length, sameLock), b(length, sameLock);
+        body(a, b);
+    } else {
+        BareQueue<CompactFields> a(length, sameLock), b(length, sameLock);
+        body(a, b);
+    }
+}
 
 void kvosInit()
 {
@@ -142,21 +177,21 @@ BENCHMARK(BM_Throughput_KvosPtrq)->UseRealTime();
 
 void BM_Throughput_BareQueue(benchmark::State& state)
 {
-    BareQueue q(kQueueLength, state.range(0) != 0);
-    std::thread consumer([&q] {
-        while (q.get() != kStop) {
+    withBareQueue(state, kQueueLength, [&state](auto& q, auto&) {
+        std::thread consumer([&q] {
+            while (q.get() != kStop) {
+            }
+        });
+        uintptr_t n = 1;
+        for (auto _ : state) {
+            q.put(reinterpret_cast<void*>(n++));
         }
+        q.put(kStop);
+        consumer.join();
     });
-    uintptr_t n = 1;
-    for (auto _ : state) {
-        q.put(reinterpret_cast<void*>(n++));
-    }
-    q.put(kStop);
-    consumer.join();
     state.SetItemsProcessed(state.iterations());
 }
-// Arg 1: the KVOS mutex attributes; arg 0: a default mutex.
-BENCHMARK(BM_Throughput_BareQueue)->Arg(1)->Arg(0)->UseRealTime();
+BENCHMARK(BM_Throughput_BareQueue)->Arg(0)->Arg(1)->Arg(2)->UseRealTime();
 
 void BM_Throughput_LockfreeSpsc(benchmark::State& state)
 {
@@ -211,21 +246,22 @@ BENCHMARK(BM_PingPong_KvosPtrq)->UseRealTime();
 
 void BM_PingPong_BareQueue(benchmark::State& state)
 {
-    BareQueue ping(4, state.range(0) != 0), pong(4, state.range(0) != 0);
-    std::thread echo([&] {
-        void* p;
-        while ((p = ping.get()) != kStop) {
-            pong.put(p);
+    withBareQueue(state, 4, [&state](auto& ping, auto& pong) {
+        std::thread echo([&] {
+            void* p;
+            while ((p = ping.get()) != kStop) {
+                pong.put(p);
+            }
+        });
+        for (auto _ : state) {
+            ping.put(reinterpret_cast<void*>(1));
+            benchmark::DoNotOptimize(pong.get());
         }
+        ping.put(kStop);
+        echo.join();
     });
-    for (auto _ : state) {
-        ping.put(reinterpret_cast<void*>(1));
-        benchmark::DoNotOptimize(pong.get());
-    }
-    ping.put(kStop);
-    echo.join();
 }
-BENCHMARK(BM_PingPong_BareQueue)->Arg(1)->Arg(0)->UseRealTime();
+BENCHMARK(BM_PingPong_BareQueue)->Arg(0)->Arg(1)->Arg(2)->UseRealTime();
 
 void BM_Mutex_Kvos(benchmark::State& state)
 {

@@ -15,6 +15,10 @@
 #include <atomic>
 #include <string>
 
+struct KVOS_SYSCALLS;
+/* The seams (abstraction/kvos_seams.h), for the library's own hot paths. */
+extern KVOS_SYSCALLS kvos_syscall_table;
+
 namespace kvos_os {
 
 /* The record behind KVOS_MUTEX::opaque_mutex. The counters change only

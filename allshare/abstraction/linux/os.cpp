@@ -16,12 +16,14 @@
 #include "abstraction/kvos_seams.h"
 #include "linux/kvos_os.h"
 
+/* Constant-initialised, so the hot paths read it without a guard. */
+KVOS_SYSCALLS kvos_syscall_table{{sem_wait},           {sem_timedwait},     {sem_trywait},
+                                 {sem_getvalue},       {pthread_mutex_lock}, {pthread_cond_wait},
+                                 {pthread_cond_timedwait}, {pthread_create},  {malloc}};
+
 KVOS_SYSCALLS& kvos_syscalls()
 {
-    static KVOS_SYSCALLS calls{{sem_wait},         {sem_timedwait},          {sem_trywait},
-                               {sem_getvalue},     {pthread_mutex_lock},     {pthread_cond_wait},
-                               {pthread_cond_timedwait}, {pthread_create}, {malloc}};
-    return calls;
+    return kvos_syscall_table;
 }
 
 namespace kvos_os {

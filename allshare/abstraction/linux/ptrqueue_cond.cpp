@@ -39,7 +39,7 @@ inline void statIncrement(uint32_t& field)
  * cancellation included. */
 class QueueLock {
 public:
-    explicit QueueLock(ptrqueue_t* q) : q_(q), err_(kvos_syscalls().mutexLock.load()(&q->qLock)) {}
+    explicit QueueLock(ptrqueue_t* q) : q_(q), err_(kvos_syscall_table.mutexLock.load()(&q->qLock)) {}
     ~QueueLock()
     {
         if (err_ == 0) {
@@ -82,7 +82,7 @@ bool isEmpty(const ptrqueue_t* q)
     return q->size == 0;
 }
 
-void put(ptrqueue_t* q, void* p)
+inline void put(ptrqueue_t* q, void* p)
 {
     q->ringBuffer[q->putIndex] = p;
     statStore(q->size, q->size + 1);
@@ -98,7 +98,7 @@ void put(ptrqueue_t* q, void* p)
     }
 }
 
-void* get(ptrqueue_t* q)
+inline void* get(ptrqueue_t* q)
 {
     void* p = q->ringBuffer[q->getIndex];
     statStore(q->size, q->size - 1);
@@ -141,7 +141,7 @@ int blockingOp(ptrqueue_t* q, pthread_cond_t* cond, uint32_t& waiters, uint32_t&
         err = lock.error();
         while (err == 0 && blocked(q)) {
             WaitRound round(waiters, rounds);
-            err = kvos_syscalls().condWait.load()(cond, &q->qLock);
+            err = kvos_syscall_table.condWait.load()(cond, &q->qLock);
         }
         if (err == 0) {
             op(q);
@@ -186,7 +186,7 @@ int timedOp(ptrqueue_t* q, pthread_cond_t* cond, uint32_t& waiters, uint32_t& ro
             // A wake-up without an entry starts a full timeout again.
             struct timespec deadline = timedDeadline(q, ms);
             WaitRound round(waiters, rounds);
-            err = kvos_syscalls().condTimedWait.load()(cond, &q->qLock, &deadline);
+            err = kvos_syscall_table.condTimedWait.load()(cond, &q->qLock, &deadline);
         }
         if (err == 0) {
             op(q);
