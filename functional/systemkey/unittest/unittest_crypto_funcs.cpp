@@ -8,12 +8,15 @@
  * reaching the system log, so the checks read the documented lines.
  *
  * The closing threading self-test runs the per-call cipher steps (context
- * set-up, encryption, Base64 both ways, decryption, clean-up) on several
- * threads at once for a fixed time, each thread with its own context, and
- * checks every cycle.
+ * set-up, encryption, Base64 both ways, decryption, clean-up) on several KVOS
+ * tasks at once for a fixed time, each task with its own context, and checks
+ * every cycle. It needs KVOS_init to have run (main does).
  */
 #include "unittest_crypto_funcs.h"
 
+#include "abstraction/kvos.h"
+#include "abstraction/kvos_semaphore.h"
+#include "abstraction/kvos_task.h"
 #include "scratch_keys.h"
 #include "systemkey/base64_funcs.h"
 #include "systemkey/crypto_funcs.h"
@@ -22,17 +25,12 @@
 #include "systemkey/zel-log4os.h"
 #include "unittest/unittest.h"
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <string>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -333,79 +331,94 @@ void testLogBridge(World& w, sktest::LogCapture& log)
     unittest_assert(log.has("Id=\"%n%s%x\" Operation=\"Decryption"));
 }
 
-// Threading self-test: per-call cipher steps on several threads at once.
-struct Completion {
-    std::mutex m;
-    std::condition_variable cv;
-    int done = 0;
-    void signal()
-    {
-        std::lock_guard<std::mutex> g(m);
-        ++done;
-        cv.notify_one();
-    }
-    void wait(int n)
-    {
-        std::unique_lock<std::mutex> g(m);
-        cv.wait(g, [&] { return done >= n; });
-    }
+// Threading self-test: per-call cipher steps on several KVOS tasks at once,
+// each with its own context. Each task counts its cycles and its bad cycles
+// and posts the semaphore when its time is up; the unit's own thread waits
+// for every post and makes the checks.
+struct CycleTask {
+    int seed = 0;
+    unsigned durationMs = 0;
+    long cycles = 0;
+    long bad = 0;
+    KVOS_SEMAPHORE* done = nullptr;
 };
 
-void cipherCycles(int seed, std::chrono::milliseconds duration, std::atomic<long>& cycles,
-                  std::atomic<long>& bad, Completion& done)
+bool cipherCycle(const unsigned char key[16], const unsigned char* plain, size_t len)
 {
+    unsigned char ct[64];
+    char text[128];
+    unsigned char decoded[96];
+    unsigned char back[112];
+    size_t ctLen = 0;
+    size_t backLen = 0;
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    bool ok = setupCipherContext(getDefaultEncryptionCipher(), ctx, KIP_CRYPTO_OPERATION_ENCRYPT, key) &&
+              performEncryption(ctx, plain, len, ct, sizeof ct, &ctLen) && cleanCipherContext(ctx);
+    const int textLen = ok ? base64Encode(ct, static_cast<int>(ctLen), text, sizeof text) : -1;
+    const int decLen = textLen > 0 ? base64Decode(text, textLen, decoded, sizeof decoded) : -1;
+    ok = ok && decLen == static_cast<int>(ctLen) &&
+         setupCipherContext(getDefaultEncryptionCipher(), ctx, KIP_CRYPTO_OPERATION_DECRYPT, key) &&
+         performDecryption(ctx, decoded, static_cast<size_t>(decLen), back, sizeof back, &backLen) &&
+         cleanCipherContext(ctx) && backLen == len && std::memcmp(back, plain, len) == 0;
+    EVP_CIPHER_CTX_free(ctx);
+    return ok;
+}
+
+void cipherCycleTask(void* arg)
+{
+    auto* t = static_cast<CycleTask*>(arg);
     unsigned char key[16];
     for (int i = 0; i < 16; ++i) {
-        key[i] = static_cast<unsigned char>(seed * 31 + i);
+        key[i] = static_cast<unsigned char>(t->seed * 31 + i);
     }
-    const auto end = std::chrono::steady_clock::now() + duration;
-    long n = 0;
-    while (std::chrono::steady_clock::now() < end) {
+    const unsigned start = KVOS_ticksCurrent();
+    const unsigned ticks = t->durationMs / 10;
+    while (KVOS_ticksElapsed(start) < ticks) {
         unsigned char plain[48];
         for (int i = 0; i < 48; ++i) {
-            plain[i] = static_cast<unsigned char>(seed + n + i);
+            plain[i] = static_cast<unsigned char>(t->seed + t->cycles + i);
         }
-        unsigned char ct[64];
-        char text[128];
-        unsigned char decoded[96];
-        unsigned char back[112];
-        size_t ctLen = 0;
-        size_t backLen = 0;
-        EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-        bool ok = setupCipherContext(getDefaultEncryptionCipher(), ctx, KIP_CRYPTO_OPERATION_ENCRYPT, key) &&
-                  performEncryption(ctx, plain, sizeof plain, ct, sizeof ct, &ctLen) && cleanCipherContext(ctx);
-        const int textLen = ok ? base64Encode(ct, static_cast<int>(ctLen), text, sizeof text) : -1;
-        const int decLen = textLen > 0 ? base64Decode(text, textLen, decoded, sizeof decoded) : -1;
-        ok = ok && decLen == static_cast<int>(ctLen) &&
-             setupCipherContext(getDefaultEncryptionCipher(), ctx, KIP_CRYPTO_OPERATION_DECRYPT, key) &&
-             performDecryption(ctx, decoded, static_cast<size_t>(decLen), back, sizeof back, &backLen) &&
-             cleanCipherContext(ctx) && backLen == sizeof plain && std::memcmp(back, plain, sizeof plain) == 0;
-        EVP_CIPHER_CTX_free(ctx);
-        bad += ok ? 0 : 1;
-        ++n;
+        t->bad += cipherCycle(key, plain, sizeof plain) ? 0 : 1;
+        ++t->cycles;
     }
-    cycles += n;
-    done.signal();
+    KVOS_semaphorePost(t->done);
 }
 
 void testThreading()
 {
     unittest_context("threading");
-    constexpr int kThreads = 4;
-    std::atomic<long> cycles{0};
-    std::atomic<long> bad{0};
-    Completion done;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back(cipherCycles, i + 1, std::chrono::milliseconds(300), std::ref(cycles),
-                             std::ref(bad), std::ref(done));
+    constexpr int kTasks = 4;
+    unittest_assert(KVOS_isInited());
+    KVOS_SEMAPHORE done{};
+    unittest_assert(KVOS_semaphoreCreate(&done, "cryptoThreadsDone", 0) == 1);
+    CycleTask tasks[kTasks];
+    int started = 0;
+    for (int i = 0; i < kTasks; ++i) {
+        tasks[i].seed = i + 1;
+        tasks[i].durationMs = 300;
+        tasks[i].done = &done;
+        KVOS_TASK_ATTR* attr = KVOS_taskAttrCreate();
+        const std::string name = "cryptoCycle" + std::to_string(i);
+        KVOS_taskAttrSetName(attr, name.c_str());
+        KVOS_taskAttrSetStackSize(attr, 256 * 1024);
+        if (KVOS_taskCreate(cipherCycleTask, &tasks[i], attr) != KVOS_NO_TASK_ID) {
+            ++started;
+        }
+        KVOS_taskAttrDestroy(attr);
     }
-    done.wait(kThreads);
-    for (auto& t : threads) {
-        t.join();
+    unittest_assert(started == kTasks);
+    for (int i = 0; i < started; ++i) {
+        KVOS_semaphoreWait(&done);
     }
-    unittest_assert(cycles.load() > kThreads);
-    unittest_assert(bad.load() == 0);
+    KVOS_semaphoreDelete(&done);
+    long cycles = 0;
+    long bad = 0;
+    for (const CycleTask& t : tasks) {
+        cycles += t.cycles;
+        bad += t.bad;
+        unittest_assert(t.cycles > 0);
+    }
+    unittest_assert(bad == 0);
 }
 
 } // namespace
