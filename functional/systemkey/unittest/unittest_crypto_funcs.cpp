@@ -411,10 +411,8 @@ void testThreading()
         KVOS_semaphoreWait(&done);
     }
     KVOS_semaphoreDelete(&done);
-    long cycles = 0;
     long bad = 0;
     for (const CycleTask& t : tasks) {
-        cycles += t.cycles;
         bad += t.bad;
         unittest_assert(t.cycles > 0);
     }
