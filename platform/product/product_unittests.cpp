@@ -2,12 +2,14 @@
  * The product's self-test units. Registration order does not matter: the
  * registry sorts names ignoring case.
  */
+#include "kvlog/unittests.h"
 #include "libkvc/unittests.h"
 #include "unittest/unittest.h"
 
 void product_unittest_register_tests(void)
 {
     unittest_register_test("unittest_dlist", unittest_dlist, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvlog", unittest_kvlog, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_strutil", unittest_strutil, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_utf8", unittest_utf8, UNITTEST_TYPE_FAST);
 }
