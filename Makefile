@@ -50,24 +50,11 @@ fuzz-build: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build build-fuzz -j$(JOBS)
 
-# Each target starts from its seeds in a scratch corpus directory, so runs
-# never modify the committed seeds.
-define run_fuzzers
-	@set -e; for f in build-fuzz/bin/fuzz_*; do \
-	  name=$$(basename $$f); corpus=build-fuzz/corpus/$$name; mkdir -p $$corpus; \
-	  if [ -d fuzz/corpus/$$name ]; then cp -n fuzz/corpus/$$name/* $$corpus/ 2>/dev/null || true; fi; \
-	  echo "== $$name ($(1) s)"; \
-	  $$f -max_total_time=$(1) -print_final_stats=1 $$corpus 2>&1 | grep -E 'stat::number_of_executed_units|stat::average_exec_per_sec|ERROR|SUMMARY' || true; \
-	  $$f -runs=0 $$corpus >/dev/null 2>&1 || { echo "$$name: corpus replay failed"; exit 1; }; \
-	  test $${PIPESTATUS[0]:-0} -eq 0; \
-	done
-endef
-
 fuzz-smoke: fuzz-build
-	$(call run_fuzzers,$(FUZZ_SMOKE_SECONDS))
+	scripts/run-fuzzers $(FUZZ_SMOKE_SECONDS)
 
 fuzz: fuzz-build
-	$(call run_fuzzers,$(FUZZ_SECONDS))
+	scripts/run-fuzzers $(FUZZ_SECONDS)
 
 check: test asan tsan fuzz-smoke
 
