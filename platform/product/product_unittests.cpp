@@ -2,6 +2,7 @@
  * The product's self-test units. Registration order does not matter: the
  * registry sorts names ignoring case.
  */
+#include "abstraction/unittests.h"
 #include "kvlog/unittests.h"
 #include "libkvc/unittests.h"
 #include "unittest/unittest.h"
@@ -12,4 +13,6 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_kvlog", unittest_kvlog, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_strutil", unittest_strutil, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_utf8", unittest_utf8, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvos_ptrq", unittest_kvos_ptrq, UNITTEST_TYPE_FAST);
 }

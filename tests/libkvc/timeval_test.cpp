@@ -20,26 +20,6 @@ bool same(const TIMEVAL& a, uint32_t s, uint32_t us)
     return a.tv_sec == s && a.tv_usec == us;
 }
 
-TEST(TimeVal, InitCarriesWholeSeconds)
-{
-    TIMEVAL t;
-    TimeVal_init(&t, 1, 2500000);
-    EXPECT_TRUE(same(t, 3, 500000));
-    TimeVal_init(&t, 1, 999999);
-    EXPECT_TRUE(same(t, 1, 999999));
-    TimeVal_init(&t, 0, 1000000);
-    EXPECT_TRUE(same(t, 1, 0));
-}
-
-TEST(TimeVal, Compare)
-{
-    TIMEVAL a = tv(1, 5), b = tv(1, 6), c = tv(2, 0);
-    EXPECT_EQ(TimeVal_cmp(&a, &b), -1);
-    EXPECT_EQ(TimeVal_cmp(&b, &a), 1);
-    EXPECT_EQ(TimeVal_cmp(&c, &b), 1);
-    EXPECT_EQ(TimeVal_cmp(&a, &a), 0);
-}
-
 TEST(TimeVal, AddAndSubtract)
 {
     struct Row {

@@ -1,0 +1,81 @@
+/*
+ * The thin Linux half of KVOS as seen by the OS-independent front half:
+ * record layouts that embed system objects, and inline wrappers over the
+ * pthread calls on the lock path (kept inline so that a KVOS mutex costs
+ * little more than the system mutex it wraps). Every wrapper returns 0 or
+ * the system's error number.
+ */
+#ifndef ABSTRACTION_LINUX_KVOS_OS_H
+#define ABSTRACTION_LINUX_KVOS_OS_H
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <string>
+
+struct KVOS_SYSCALLS;
+/* The seams (abstraction/kvos_seams.h), for the library's own hot paths. */
+extern KVOS_SYSCALLS kvos_syscall_table;
+
+namespace kvos_os {
+
+/* The record behind KVOS_MUTEX::opaque_mutex. The counters change only
+ * while the mutex is held; they are atomics (plain loads and stores, no
+ * locked instructions) because the dump reads them without the mutex. */
+struct MutexRecord {
+    pthread_mutex_t sys;
+    char name[20];
+    std::atomic<uint32_t> taken;
+    std::atomic<uint32_t> blocked;
+
+    void count(std::atomic<uint32_t>& c) { c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+};
+
+/* The record behind KVOS_SEMAPHORE::opaque_semaphore. */
+constexpr unsigned kSemNameArea = 4096;
+constexpr unsigned kSemNameMax = 512;
+struct SemRecord {
+    char name[kSemNameArea];
+    sem_t sem;
+};
+
+bool isRoot();
+std::string errorText(int err);
+
+/* Error-checking (or recursive) type, priority inheritance when root. */
+int mutexInit(pthread_mutex_t* m, bool recursive);
+int mutexDestroy(pthread_mutex_t* m);
+inline int mutexTryLock(pthread_mutex_t* m)
+{
+    return pthread_mutex_trylock(m);
+}
+inline int mutexLock(pthread_mutex_t* m)
+{
+    return pthread_mutex_lock(m);
+}
+inline int mutexUnlock(pthread_mutex_t* m)
+{
+    return pthread_mutex_unlock(m);
+}
+
+/* Semaphores; waits retry when interrupted. */
+int semInit(sem_t* s, unsigned tokens);
+int semDestroy(sem_t* s);
+int semWait(sem_t* s);
+int semTimedWait(sem_t* s, unsigned ms);
+int semTryWait(sem_t* s);
+int semPost(sem_t* s);
+int semGetValue(sem_t* s, int* value);
+
+/* Threads. */
+int currentLwp();
+void setThreadName(pthread_t tid, const char* name);
+/* Scheduling policy text ("OT", "FF", "RR" or "") and the priority shown
+ * for it (nice value or real-time priority) of a kernel thread id. */
+void threadPolicy(int lwp, const char** text, int* priority);
+
+}  // namespace kvos_os
+
+#endif
