@@ -1,14 +1,17 @@
 /*
  * Self-test unit of the logging subsystem, written as object-style tests:
  * module names, level mapping, logger factories, the debug appender and
- * TestLogHelper, and the sanitiser with its decision rules.
+ * TestLogHelper, the sanitiser with its decision rules, and the controller's
+ * level handling.
  *
  * The unit writes only below the "unittest" hierarchy and uses the test
  * variant of the certification-mode marker ("/tmp/temp-test-file"), which it
  * creates and removes itself.
  */
+#include "abstraction/kvos.h"
 #include "kvlog/debug_appender.h"
 #include "kvlog/kvlog.h"
+#include "kvlog/kvlog_control.h"
 #include "kvlog/kvlog_sanitiser.h"
 #include "kvlog/unittests.h"
 #include "unittest/cplusplus/ITest.h"
@@ -18,6 +21,7 @@
 #include <log4cxx/level.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -198,6 +202,63 @@ public:
     }
 };
 
+// The controller's level handling, on the process's controller when there is
+// one, else on a controller of its own whose configuration directory is a
+// scratch directory (installed in the path map for the duration).
+class ControllerTest : public ITest {
+public:
+    void run() override
+    {
+        unittest_context("controller");
+        _kv_path_map* savedMap = kvos_get_path_map();
+        _kv_path_map* ownMap = nullptr;
+        std::string scratch;
+        const bool own = kvlog::getKVLogController() == nullptr;
+        if (own) {
+            char tmpl[] = "/tmp/unittest-kvlog-XXXXXX";
+            if (::mkdtemp(tmpl) == nullptr) {
+                doFail("mkdtemp(tmpl) != nullptr", __FILE__, __LINE__);
+                return;
+            }
+            scratch = tmpl;
+            ownMap = KVOS_addPathMap(nullptr, PATH_TYPE_ZEL_CONFIG, scratch.c_str());
+            kvos_set_path_map(ownMap);
+            initKVLog("unittest_kvlog", (scratch + "/kvlog.log").c_str());
+        }
+        kvlog::kvlog_control* ctl = kvlog::getKVLogController();
+        const kvlog::LoggerPtr module = kvlog::getUnitTestLogger("kvlog_unit.ctl.module");
+        const kvlog::LoggerPtr child = kvlog::getUnitTestLogger("kvlog_unit.ctl.module.child");
+        const kvlog::LoggerPtr module2 = kvlog::getUnitTestLogger("kvlog_unit.ctl.module2");
+        child->setLevel(log4cxx::Level::getError());
+        module2->setLevel(log4cxx::Level::getError());
+
+        ITEST_CHECK(ctl->loggerExists("root"));
+        ITEST_CHECK(ctl->loggerExists("unittest.kvlog_unit.ctl.module.child"));
+        ITEST_CHECK(!ctl->loggerExists("unittest.kvlog_unit.wibble"));
+        ITEST_CHECK(ctl->getKVLogLevel("unittest.kvlog_unit.wibble") == kvlog::KVLOG_NUM_LEVELS);
+        ctl->setKVLogLevel("unittest.kvlog_unit.ctl.module", kvlog::KVLOG_LEVEL_TRACE);
+        ITEST_CHECK(ctl->getKVLogLevel("unittest.kvlog_unit.ctl.module.child") == kvlog::KVLOG_LEVEL_TRACE);
+        ITEST_CHECK(!child->getLevel());
+        ITEST_CHECK(ctl->getKVLogLevel("unittest.kvlog_unit.ctl.module2") == kvlog::KVLOG_LEVEL_ERROR);
+        ITEST_CHECK(ctl->getChildren("unittest.kvlog_unit.ctl.module").size() == 1);
+
+        std::ostringstream dump;
+        ctl->dumpKVLogStatus(dump);
+        ITEST_CHECK(dump.str().find("\nunittest.kvlog_unit.ctl.module, TRACE (assigned)\n") != std::string::npos);
+        ITEST_CHECK(dump.str().find("\nunittest.kvlog_unit.ctl.module.child, TRACE (inherited from "
+                                    "unittest.kvlog_unit.ctl.module)\n") != std::string::npos);
+
+        module->setLevel(log4cxx::LevelPtr());
+        module2->setLevel(log4cxx::LevelPtr());
+        if (own) {
+            shutdownKVLog();
+            kvos_set_path_map(savedMap);
+            kvos_free_path_map(ownMap);
+            std::system(("rm -rf " + scratch).c_str());
+        }
+    }
+};
+
 } // namespace
 
 void unittest_kvlog(void)
@@ -210,6 +271,7 @@ void unittest_kvlog(void)
     suite.addTest(new TestLogHelperTest);
     suite.addTest(new SanitiserTest);
     suite.addTest(new CertModeTest);
+    suite.addTest(new ControllerTest);
     suite.run();
     unittest_context("kvlog");
     suite.report();
