@@ -666,7 +666,22 @@ TEST_F(ControlTest, UnwritableLogFileNeverBlocksOrCrashesCallers)
 
 // ------------------------------------------------------------ entry points
 
-using ControlDeathTest = ControlTest;
+// Death-test children end without tearing down, so these tests own no
+// directory tree: the configuration directory does not exist (the monitor
+// reports that and carries on) and records go to /dev/null.
+class ControlDeathTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        kvos_set_path_map(KVOS_addPathMap(nullptr, PATH_TYPE_ZEL_CONFIG, "/nonexistent/kvlog-death-test"));
+    }
+    void TearDown() override
+    {
+        _kv_path_map* map = kvos_get_path_map();
+        kvos_set_path_map(nullptr);
+        kvos_free_path_map(map);
+    }
+};
 
 TEST_F(ControlDeathTest, EntryPointAssertions)
 {
@@ -675,8 +690,8 @@ TEST_F(ControlDeathTest, EntryPointAssertions)
     EXPECT_DEATH(kvlogConfigFileMonitorThreadEntry(nullptr), "kvlogController");
     EXPECT_DEATH(
         {
-            initKVLog("kvlogtest", (root + "/app.log").c_str());
-            initKVLog("kvlogtest", (root + "/app.log").c_str());
+            initKVLog("kvlogtest", "/dev/null");
+            initKVLog("kvlogtest", "/dev/null");
         },
         "kvlog::kvlogController==0");
 }
@@ -686,7 +701,7 @@ TEST_F(ControlDeathTest, ConfigPathMustBeMapped)
     EXPECT_DEATH(
         {
             kvos_set_path_map(nullptr);
-            initKVLog("kvlogtest", (root + "/app.log").c_str());
+            initKVLog("kvlogtest", "/dev/null");
         },
         "no path for the kvlog configuration file");
 }
