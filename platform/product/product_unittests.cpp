@@ -3,12 +3,14 @@
  * registry sorts names ignoring case.
  */
 #include "abstraction/unittests.h"
+#include "kvlog/unittests.h"
 #include "libkvc/unittests.h"
 #include "unittest/unittest.h"
 
 void product_unittest_register_tests(void)
 {
     unittest_register_test("unittest_dlist", unittest_dlist, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvlog", unittest_kvlog, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_strutil", unittest_strutil, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_utf8", unittest_utf8, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);

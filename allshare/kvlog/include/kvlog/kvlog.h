@@ -22,6 +22,7 @@
 #include <log4cxx/logger.h>
 
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -138,13 +139,25 @@ private:
 } // namespace kvlog
 
 /* One macro per level: thin wrappers over log4cxx's own, so a disabled level
- * costs one check and formats nothing. `message` is a stream expression. */
-#define KVLOG_TRACE(logger, message) LOG4CXX_TRACE(logger, message)
-#define KVLOG_DEBUG(logger, message) LOG4CXX_DEBUG(logger, message)
-#define KVLOG_INFO(logger, message) LOG4CXX_INFO(logger, message)
-#define KVLOG_WARN(logger, message) LOG4CXX_WARN(logger, message)
-#define KVLOG_ERROR(logger, message) LOG4CXX_ERROR(logger, message)
-#define KVLOG_FATAL(logger, message) LOG4CXX_FATAL(logger, message)
+ * costs one check and formats nothing. `message` is a stream expression.
+ *
+ * A record that cannot be written never reaches the caller as an exception:
+ * log4cxx 1.0 file appenders let I/O errors (a full disk, /dev/full) escape
+ * from the logging call, which would end a thread that merely logged. Only
+ * std::exception is caught, so thread cancellation still unwinds. */
+#define KVLOG_GUARDED_(statement)                                                                                      \
+    do {                                                                                                               \
+        try {                                                                                                          \
+            statement;                                                                                                 \
+        } catch (const std::exception&) {                                                                              \
+        }                                                                                                              \
+    } while (0)
+#define KVLOG_TRACE(logger, message) KVLOG_GUARDED_(LOG4CXX_TRACE(logger, message))
+#define KVLOG_DEBUG(logger, message) KVLOG_GUARDED_(LOG4CXX_DEBUG(logger, message))
+#define KVLOG_INFO(logger, message) KVLOG_GUARDED_(LOG4CXX_INFO(logger, message))
+#define KVLOG_WARN(logger, message) KVLOG_GUARDED_(LOG4CXX_WARN(logger, message))
+#define KVLOG_ERROR(logger, message) KVLOG_GUARDED_(LOG4CXX_ERROR(logger, message))
+#define KVLOG_FATAL(logger, message) KVLOG_GUARDED_(LOG4CXX_FATAL(logger, message))
 
 /* Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)
