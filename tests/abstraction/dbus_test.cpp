@@ -1,20 +1,11 @@
 /* The D-Bus dispatcher task: the singleton, its place in the task list,
  * stopping and restarting without spinning, and a real method call served
  * on the "DBus dispatcher" task through a private bus daemon. */
-#include <signal.h>
 #include <stdio.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <string>
 
 #include <dbus-c++/dbus.h>
 
 #include "abstraction/dbusthread.h"
-#include "abstraction/kvos_task.h"
 #include "support.h"
 
 using namespace kvos_test;
@@ -27,86 +18,28 @@ std::string dispatcherLine()
     return lines.empty() ? "" : lines[0];
 }
 
-}  // namespace
-
-TEST(DBusThreadTest, SingletonIsStartedByInit)
+/* User plus system clock ticks a thread of this process has used. */
+unsigned long cpuTicks(int lwp)
 {
-    DBusThread& a = DBusThread::instance();
-    EXPECT_EQ(&a, &DBusThread::instance());
-    EXPECT_NE(static_cast<KVOS_TASK_ID>(0), a.taskId());
-    EXPECT_EQ(DBus::default_dispatcher, a.dispatcher());
-    ASSERT_TRUE(waitFor([] { return !dispatcherLine().empty(); }));
-    std::string line = dispatcherLine();
-    EXPECT_EQ(0u, line.find("DBus dispatcher     "));
-    EXPECT_NE(std::string::npos, line.find("/  65536"));
+    unsigned long utime = 0, stime = 0;
+    sscanf(threadStat(lwp).c_str(), "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime);
+    return utime + stime;
 }
-
-TEST(DBusThreadTest, StopAndRestartNeverSpin)
-{
-    DBusThread& t = DBusThread::instance();
-    for (int round = 0; round < 3; ++round) {
-        // Stopping straight after a start must wait for the loop, not race it.
-        DBus::BusDispatcher* before = t.dispatcher();
-        t.stop();
-        EXPECT_EQ(static_cast<KVOS_TASK_ID>(0), t.taskId());
-        EXPECT_NE(before, t.dispatcher());
-        EXPECT_EQ(DBus::default_dispatcher, t.dispatcher());
-        ASSERT_TRUE(waitFor([] { return dispatcherLine().empty(); })) << "stopped task still listed";
-        t.stop();  // stopping a stopped thread does nothing
-        t.start();
-        EXPECT_NE(static_cast<KVOS_TASK_ID>(0), t.taskId());
-    }
-    ASSERT_TRUE(waitFor([] { return !dispatcherLine().empty(); }));
-    // The running loop waits in poll: its task uses (almost) no processor.
-    int lwp = 0;
-    sscanf(dispatcherLine().c_str() + 20, "%*s %*d %d", &lwp);
-    ASSERT_NE(0, lwp);
-    auto cpuTicks = [lwp] {
-        FILE* f = fopen(("/proc/self/task/" + std::to_string(lwp) + "/stat").c_str(), "r");
-        char buf[1024] = "";
-        size_t n = f ? fread(buf, 1, sizeof(buf) - 1, f) : 0;
-        if (f) {
-            fclose(f);
-        }
-        buf[n] = '\0';
-        const char* p = strrchr(buf, ')');
-        unsigned long utime = 0, stime = 0;
-        if (p) {
-            sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime);
-        }
-        return utime + stime;
-    };
-    unsigned long before = cpuTicks();
-    KVOS_msleep(500);
-    EXPECT_LE(cpuTicks() - before, 5u);  // at most 50 ms of 500
-}
-
-TEST(DBusThreadDeathTest, StartingTwiceStopsTheProcess)
-{
-    EXPECT_DEATH(DBusThread::instance().start(),
-                 "\\*\\*\\*\\*\\* Internal Program Error - assertion \\(!task_id_\\) failed in ");
-}
-
-namespace {
 
 /* A private session bus for one test. */
-class PrivateBus {
-public:
+struct PrivateBus {
     PrivateBus()
     {
         FILE* p = popen("dbus-daemon --session --print-address=1 --print-pid=1 --fork 2>/dev/null", "r");
-        if (p == nullptr) {
-            return;
-        }
         char line[512];
-        if (fgets(line, sizeof(line), p)) {
+        if (p && fgets(line, sizeof(line), p)) {
             address_ = line;
-            address_.erase(address_.find_last_not_of("\n") + 1);
+            address_.erase(address_.find_last_not_of('\n') + 1);
+            pid_ = fgets(line, sizeof(line), p) ? atoi(line) : 0;
         }
-        if (fgets(line, sizeof(line), p)) {
-            pid_ = atoi(line);
+        if (p) {
+            pclose(p);
         }
-        pclose(p);
     }
     ~PrivateBus()
     {
@@ -114,10 +47,6 @@ public:
             kill(pid_, SIGTERM);
         }
     }
-    const std::string& address() const { return address_; }
-    bool ok() const { return pid_ > 0 && !address_.empty(); }
-
-private:
     std::string address_;
     int pid_ = 0;
 };
@@ -133,8 +62,8 @@ public:
     DBus::Message echoStub(const DBus::CallMessage& call)
     {
         servedOn = KVOS_taskID();
-        DBus::MessageIter in = call.reader();
         std::string text;
+        DBus::MessageIter in = call.reader();
         in >> text;
         DBus::ReturnMessage reply(call);
         DBus::MessageIter out = reply.writer();
@@ -147,48 +76,69 @@ public:
 
 }  // namespace
 
-namespace {
-/* Runs the round trips; the connections end with this function, after the
- * caller has stopped the loop that serves them. */
-void roundTrips(const std::string& address, KVOS_TASK_ID* servedOn);
-}  // namespace
+TEST(DBusThreadTest, SingletonStartedByInitStopsAndRestartsWithoutSpinning)
+{
+    DBusThread& t = DBusThread::instance();
+    EXPECT_EQ(&t, &DBusThread::instance());
+    EXPECT_EQ(DBus::default_dispatcher, t.dispatcher());
+    ASSERT_TRUE(waitFor([] { return !dispatcherLine().empty(); }));
+    EXPECT_EQ(0u, dispatcherLine().find("DBus dispatcher     "));
+    EXPECT_NE(std::string::npos, dispatcherLine().find("/  65536"));
+    for (int round = 0; round < 3; ++round) {
+        // Stopping straight after a start must wait for the loop, not race it.
+        DBus::BusDispatcher* before = t.dispatcher();
+        EXPECT_NE(static_cast<KVOS_TASK_ID>(0), t.taskId());
+        t.stop();
+        EXPECT_EQ(static_cast<KVOS_TASK_ID>(0), t.taskId());
+        EXPECT_NE(before, t.dispatcher());
+        EXPECT_EQ(DBus::default_dispatcher, t.dispatcher());
+        ASSERT_TRUE(waitFor([] { return dispatcherLine().empty(); })) << "stopped task still listed";
+        t.stop();  // stopping a stopped thread does nothing
+        t.start();
+    }
+    ASSERT_TRUE(waitFor([] { return !dispatcherLine().empty(); }));
+    int lwp = 0;  // the running loop waits in poll: (almost) no processor
+    sscanf(dispatcherLine().c_str() + 20, "%*s %*d %d", &lwp);
+    ASSERT_NE(0, lwp);
+    unsigned long before = cpuTicks(lwp);
+    KVOS_msleep(500);
+    EXPECT_LE(cpuTicks(lwp) - before, 5u);  // at most 50 ms of 500
+}
+
+TEST(DBusThreadDeathTest, StartingTwiceStopsTheProcess)
+{
+    EXPECT_DEATH(DBusThread::instance().start(),
+                 "\\*\\*\\*\\*\\* Internal Program Error - assertion \\(!task_id_\\) failed in ");
+}
 
 TEST(DBusThreadTest, MethodCallIsServedOnTheDispatcherTask)
 {
     PrivateBus bus;
-    ASSERT_TRUE(bus.ok()) << "dbus-daemon could not be started";
-    KVOS_TASK_ID servedOn = 0;
-    KVOS_TASK_ID dispatcherTask = DBusThread::instance().taskId();
-    roundTrips(bus.address(), &servedOn);
+    ASSERT_TRUE(bus.pid_ > 0 && !bus.address_.empty()) << "dbus-daemon could not be started";
+    KVOS_TASK_ID dispatcherTask = DBusThread::instance().taskId(), servedOn = 0;
+    {
+        DBus::Connection server(bus.address_.c_str(), true);
+        ASSERT_TRUE(server.register_bus());
+        EchoAdaptor echo(server);
+        DBus::Connection client(bus.address_.c_str(), true);
+        ASSERT_TRUE(client.register_bus());
+        struct StopFirst {  // the loop must be stopped before the connections go
+            ~StopFirst() { DBusThread::instance().stop(); }
+        } stopFirst;
+        for (int i = 0; i < 3; ++i) {
+            DBus::CallMessage call(server.unique_name(), "/org/korvenda/Test", "org.korvenda.Test", "Echo");
+            DBus::MessageIter args = call.writer();
+            args << std::string("ping ") + std::to_string(i);
+            DBus::Message reply = client.send_blocking(call, 2000);
+            std::string text;
+            DBus::MessageIter r = reply.reader();
+            r >> text;
+            EXPECT_EQ("echo: ping " + std::to_string(i), text);
+        }
+        servedOn = echo.servedOn.load();
+        DBus::CallMessage unknown(server.unique_name(), "/org/korvenda/Test", "org.korvenda.Test", "Nope");
+        EXPECT_THROW(client.send_blocking(unknown, 2000), DBus::Error);
+    }
     EXPECT_TRUE(pthread_equal(dispatcherTask, servedOn));
     DBusThread::instance().start();
 }
-
-namespace {
-void roundTrips(const std::string& address, KVOS_TASK_ID* servedOn)
-{
-    DBus::Connection server(address.c_str(), true);
-    ASSERT_TRUE(server.register_bus());
-    EchoAdaptor echo(server);
-    DBus::Connection client(address.c_str(), true);
-    ASSERT_TRUE(client.register_bus());
-    struct StopFirst {
-        ~StopFirst() { DBusThread::instance().stop(); }  // before the connections go
-    } stopFirst;
-
-    for (int i = 0; i < 3; ++i) {
-        DBus::CallMessage call(server.unique_name(), "/org/korvenda/Test", "org.korvenda.Test", "Echo");
-        DBus::MessageIter args = call.writer();
-        args << std::string("ping ") + std::to_string(i);
-        DBus::Message reply = client.send_blocking(call, 2000);
-        DBus::MessageIter r = reply.reader();
-        std::string text;
-        r >> text;
-        EXPECT_EQ("echo: ping " + std::to_string(i), text);
-    }
-    *servedOn = echo.servedOn.load();
-
-    DBus::CallMessage unknown(server.unique_name(), "/org/korvenda/Test", "org.korvenda.Test", "Nope");
-    EXPECT_THROW(client.send_blocking(unknown, 2000), DBus::Error);
-}
-}  // namespace

@@ -1,35 +1,38 @@
 #include "support.h"
 
-#include <dirent.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
 
+#include <log4cxx/consoleappender.h>
 #include <log4cxx/level.h>
+#include <log4cxx/simplelayout.h>
 #include <log4cxx/spi/loggingevent.h>
 
-#include "abstraction/kvos_mutex.h"
-#include "abstraction/kvos_ptrq.h"
-#include "abstraction/kvos_task.h"
 #include "platform/linux_logger.h"
 
 namespace kvos_test {
 
 namespace {
 std::string gDir;
-}
+thread_local int tFailErr;
+thread_local int tFailTimes;
+}  // namespace
 
 std::string installPrivatePathMap()
 {
     char tmpl[] = "/tmp/kvos_test.XXXXXX";
     gDir = mkdtemp(tmpl);
-    _kv_path_map* map = nullptr;
-    map = KVOS_addPathMap(map, PATH_TYPE_ZEL_CONFIG, (gDir + "/etc").c_str());
+    _kv_path_map* map = KVOS_addPathMap(nullptr, PATH_TYPE_ZEL_CONFIG, (gDir + "/etc").c_str());
     map = KVOS_addPathMap(map, PATH_TYPE_PERM, (gDir + "/persistent").c_str());
-    map = KVOS_addPathMap(map, PATH_TYPE_TMP, gDir.c_str());
-    kvos_set_path_map(map);
+    kvos_set_path_map(KVOS_addPathMap(map, PATH_TYPE_TMP, gDir.c_str()));
     return gDir;
 }
 
@@ -44,11 +47,16 @@ void initOnce()
     std::call_once(once, [] {
         installPrivatePathMap();
         KVOS_init();
-        // Let the reaper list itself and the dispatcher task (creating the
-        // task list's lock on the way), so tests start from a settled
-        // process whose counters only they change.
+        // Settle: the reaper and the dispatcher task listed, so tests start
+        // from counters only they change.
         waitFor([] { return kvos_taskListSize() >= 2; });
     });
+}
+
+bool isDir(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 class LogCapture::Appender : public log4cxx::AppenderSkeleton {
@@ -91,9 +99,12 @@ std::string LogCapture::text() const
     return appender_->text();
 }
 
-bool LogCapture::contains(const std::string& fragment) const
+void logToStderr()
 {
-    return text().find(fragment) != std::string::npos;
+    auto logger = getLinuxAbstractionLogger();
+    logger->setLevel(log4cxx::Level::getDebug());
+    logger->addAppender(std::make_shared<log4cxx::ConsoleAppender>(std::make_shared<log4cxx::SimpleLayout>(),
+                                                                   log4cxx::ConsoleAppender::getSystemErr()));
 }
 
 bool waitFor(const std::function<bool()>& pred, int ms)
@@ -115,42 +126,11 @@ std::string taskDump()
     return os.str();
 }
 
-namespace {
-thread_local std::string* tDumpTarget;
-int appendToTarget(int, const void* text, unsigned length)
-{
-    tDumpTarget->append(static_cast<const char*>(text), length);
-    return 0;
-}
-int appendMutexLine(int, const char* text, unsigned length)
-{
-    tDumpTarget->append(text, length);
-    return 0;
-}
-}  // namespace
-
-std::string mutexDump()
-{
-    std::string out;
-    tDumpTarget = &out;
-    KVOS_mutexDump(appendMutexLine, 0);
-    return out;
-}
-
-std::string ptrqDump()
-{
-    std::string out;
-    tDumpTarget = &out;
-    KVOS_ptrqDump(appendToTarget, 0);
-    return out;
-}
-
 std::vector<std::string> linesWith(const std::string& text, const std::string& fragment)
 {
     std::vector<std::string> out;
     std::istringstream is(text);
-    std::string line;
-    while (std::getline(is, line)) {
+    for (std::string line; std::getline(is, line);) {
         if (line.find(fragment) != std::string::npos) {
             out.push_back(line);
         }
@@ -158,52 +138,56 @@ std::vector<std::string> linesWith(const std::string& text, const std::string& f
     return out;
 }
 
+ListInfo listInfo(const std::string& dump)
+{
+    ListInfo info;
+    auto lines = linesWith(dump, "List info:");
+    if (lines.size() != 1 || sscanf(lines[0].c_str(), "List info: size %zu, additions %zu, removals %zu",
+                                    &info.size, &info.additions, &info.removals) != 3) {
+        ADD_FAILURE() << "no single List info line in\n" << dump;
+    }
+    return info;
+}
+
 size_t threadCount()
 {
-    size_t n = 0;
-    DIR* d = opendir("/proc/self/task");
-    while (struct dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            ++n;
-        }
-    }
-    closedir(d);
-    return n;
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
 
 size_t mappingCount()
 {
     std::ifstream maps("/proc/self/maps");
-    std::string line;
-    size_t n = 0;
-    while (std::getline(maps, line)) {
-        ++n;
-    }
-    return n;
+    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
 }
 
-}  // namespace kvos_test
-
-#include <errno.h>
-
-#include <log4cxx/consoleappender.h>
-#include <log4cxx/simplelayout.h>
-
-namespace kvos_test {
-
-void logToStderr()
+std::string threadStat(int lwp)
 {
-    auto logger = getLinuxAbstractionLogger();
-    logger->setLevel(log4cxx::Level::getDebug());
-    auto layout = std::make_shared<log4cxx::SimpleLayout>();
-    auto appender = std::make_shared<log4cxx::ConsoleAppender>(layout, log4cxx::ConsoleAppender::getSystemErr());
-    logger->addAppender(appender);
+    std::ifstream f("/proc/self/task/" + std::to_string(lwp) + "/stat");
+    std::string all((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    size_t close = all.rfind(')');
+    return close == std::string::npos ? "" : all.substr(close + 2);
 }
 
-namespace {
-thread_local int tFailErr;
-thread_local int tFailTimes;
-}  // namespace
+Interrupter::Interrupter() : target_(pthread_self())
+{
+    struct sigaction sa = {};
+    sa.sa_handler = [](int) {};
+    sigaction(SIGUSR2, &sa, &old_);
+    thread_ = std::thread([this] {
+        for (std::this_thread::sleep_for(std::chrono::milliseconds(20)); !stop_;
+             std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+            pthread_kill(target_, SIGUSR2);
+            ++sent;
+        }
+    });
+}
+
+Interrupter::~Interrupter()
+{
+    stop_ = true;
+    thread_.join();
+    sigaction(SIGUSR2, &old_, nullptr);
+}
 
 void armFailure(int err, int times)
 {
@@ -226,9 +210,7 @@ bool takeArmedFailure()
     if (tFailTimes == 0) {
         return false;
     }
-    if (tFailTimes > 0) {
-        --tFailTimes;
-    }
+    tFailTimes -= tFailTimes > 0;
     errno = tFailErr;
     return true;
 }
