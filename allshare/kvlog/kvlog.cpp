@@ -14,6 +14,7 @@
 #include "kvlog/kvlog_assert.h"
 #include "registration.h"
 
+#include <log4cxx/helpers/loglog.h>
 #include <log4cxx/level.h>
 #include <log4cxx/logmanager.h>
 
@@ -101,6 +102,20 @@ LoggerPtr prependModuleNameWithHierarchyName(const std::string& moduleName, cons
     return getLogger(name);
 }
 
+// Records logged before the controller configures log4cxx reach no
+// appender and are dropped. log4cxx would say so once on stderr ("No appender
+// could be found ..."); that warning is used up silently the first time a
+// logger is handed out, so ordinary start-up prints nothing.
+void silenceNoAppenderWarningOnce()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        log4cxx::helpers::LogLog::setQuietMode(true);
+        log4cxx::LogManager::getLoggerRepository()->emitNoAppenderWarning(log4cxx::Logger::getRootLogger().get());
+        log4cxx::helpers::LogLog::setQuietMode(false);
+    });
+}
+
 bool startsWith(const std::string& s, const char* prefix)
 {
     return s.compare(0, std::strlen(prefix), prefix) == 0;
@@ -112,6 +127,7 @@ LoggerPtr getLogger(const std::string& modulename)
 {
     BOOST_ASSERT_MSG(modulename.size() < MAX_MODULE_NAME_LENGTH, "Module name is too long");
     registerModuleName(modulename);
+    silenceNoAppenderWarningOnce();
     return log4cxx::Logger::getLogger(modulename);
 }
 
