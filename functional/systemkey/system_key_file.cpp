@@ -475,7 +475,11 @@ bool getPrivateKey(CRYPT_DATA* cd, const char* text, size_t len, bool active)
     return false;
 }
 
-bool getActivePrivateKey(CRYPT_DATA* cd)
+namespace {
+
+// Reads the key file into a scratch buffer (wiped when it goes out of scope)
+// and selects the active key, or the key named by cd->key_id.
+bool loadAndSelectKey(CRYPT_DATA* cd, bool active)
 {
     KeyFileBuffer buf;
     if (buf.data() == nullptr) {
@@ -485,18 +489,17 @@ bool getActivePrivateKey(CRYPT_DATA* cd)
     if (!readSystemKeyFile(buf.data(), SYSTEMKEY_MAX_FILE_SIZE, buf.len())) {
         return false;
     }
-    return getPrivateKey(cd, buf.data(), *buf.len(), true);
+    return getPrivateKey(cd, buf.data(), *buf.len(), active);
+}
+
+} // namespace
+
+bool getActivePrivateKey(CRYPT_DATA* cd)
+{
+    return loadAndSelectKey(cd, true);
 }
 
 bool getPrivateKeyByID(CRYPT_DATA* cd)
 {
-    KeyFileBuffer buf;
-    if (buf.data() == nullptr) {
-        SK_ERROR("Error opening system key file");
-        return false;
-    }
-    if (!readSystemKeyFile(buf.data(), SYSTEMKEY_MAX_FILE_SIZE, buf.len())) {
-        return false;
-    }
-    return getPrivateKey(cd, buf.data(), *buf.len(), false);
+    return loadAndSelectKey(cd, false);
 }
