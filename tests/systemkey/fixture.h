@@ -5,13 +5,20 @@
 #define TESTS_SYSTEMKEY_FIXTURE_H
 
 #include "scratch_keys.h"
+#include "systemkey/crypto_funcs.h"
 #include "systemkey/systemkey_seams.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <openssl/evp.h>
 #include <string>
+#include <vector>
+
+// Expects `call` to fail having logged `line` (in a SystemKeyTest).
+#define EXPECT_FAILS_LOGGING(call, line) \
+    do { EXPECT_FALSE(call); EXPECT_TRUE(log->has(line)) << log->dump(); } while (0)
 
 namespace sktest {
 
@@ -29,6 +36,20 @@ inline EVP_PKEY* bootstrapPair()
 {
     static EVP_PKEY* pkey = generateRsa(2048);
     return pkey;
+}
+
+// A CRYPT_DATA set up and released with the scope.
+struct Record : CRYPT_DATA {
+    Record() { cryptDataInit(this); }
+    ~Record() { cryptDataRelease(this); }
+    Record(const Record&) = delete;
+    Record& operator=(const Record&) = delete;
+};
+
+inline bool allZero(const void* p, size_t n)
+{
+    const auto* b = static_cast<const unsigned char*>(p);
+    return std::all_of(b, b + n, [](unsigned char c) { return c == 0; });
 }
 
 class SystemKeyTest : public ::testing::Test {
@@ -52,9 +73,17 @@ protected:
         ASSERT_NE(bootstrapPair(), nullptr);
         ASSERT_TRUE(writePrivatePem(bootstrapPair(), bootstrap, traditional));
     }
-    void keys(const std::string& contents)
+    void keys(const std::string& contents) { ASSERT_TRUE(writeFile(keyFile, contents)); }
+    // Detail texts of the captured lines, optionally of one priority only.
+    std::vector<std::string> details(int priority = -1) const
     {
-        ASSERT_TRUE(writeFile(keyFile, contents));
+        std::vector<std::string> d;
+        for (const auto& l : log->lines()) {
+            if (priority < 0 || l.first == priority) {
+                d.push_back(detailOf(l.second));
+            }
+        }
+        return d;
     }
 
     ScratchDir dir;
@@ -64,17 +93,6 @@ protected:
     std::unique_ptr<Redirect> redirect;
     std::unique_ptr<LogCapture> log;
 };
-
-inline bool allZero(const void* p, size_t n)
-{
-    const auto* b = static_cast<const unsigned char*>(p);
-    for (size_t i = 0; i < n; ++i) {
-        if (b[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
 
 } // namespace sktest
 
