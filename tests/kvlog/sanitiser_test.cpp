@@ -1,5 +1,5 @@
-// Sanitiser: the five patterns on realistic protocol text and on their
-// deliberate quirks, the decision rules, certification mode and the hex dump.
+// Sanitiser: the five patterns, the decision rules, certification mode and the
+// hex dump.
 #include "kvlog/kvlog.h"
 #include "kvlog/kvlog_sanitiser.h"
 
@@ -9,7 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
+#include <algorithm>
+#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -32,110 +33,61 @@ std::string dots(size_t n)
 
 // 40-, 43- and 45-character base64 keys.
 const std::string key40 = "PS1uQCVeeCFCanVmcjkpPywjNWhcYD0mXXtxaVBR";
-const std::string key43a = "YTdkMDU2NzY2YzE0ZjQ3MzY4YjYxZmI0NDZmZmYx+/=";
-const std::string key43b = "NzcyMDNlZTM2MzQ2MjY5MjA0ZmVhNTE4ZTVlYzFkZ/8";
+const std::string key43 = "YTdkMDU2NzY2YzE0ZjQ3MzY4YjYxZmI0NDZmZmYx+/=";
 const std::string key45 = "Q2V0dGUgY2zDqSBlc3QgdW5lIGNsw6kgZGUgdGVzdC4+/";
+const auto param = kvlog::streamStringReplaceOauthTokenParam;
+const auto tag = kvlog::streamStringReplaceOauthTokenTag;
+const auto json = kvlog::streamStringReplaceOauthTokenJson;
+const auto sdp = kvlog::streamStringReplaceSdpKeys;
+const auto keys = kvlog::streamStringReplaceDebugKeys;
 
-TEST(KvlogSanitiser, SipRegisterBearerToken)
+// Protocol text first (the self-test unit has a SIP request), then the
+// patterns' deliberate quirks, one per row. The decision is empty for the
+// OAuth sanitisers and false for the key ones.
+TEST(KvlogSanitiser, Patterns)
 {
-    const std::string head = "REGISTER sip:example.net SIP/2.0\r\n"
-                             "Via: SIP/2.0/TLS 10.0.0.5:5061;branch=z9hG4bK776asdhds\r\n"
-                             "Max-Forwards: 70\r\n"
-                             "To: <sip:1001@example.net>\r\n"
-                             "From: <sip:1001@example.net>;tag=1928301774\r\n"
-                             "Call-ID: a84b4c76e66710@10.0.0.5\r\n"
-                             "CSeq: 314159 REGISTER\r\n"
-                             "Authorization: Bearer token=\"";
-    const std::string tail = "\"\r\n"
-                             "Contact: <sip:1001@10.0.0.5:5061;transport=tls>\r\n"
-                             "Content-Length: 0\r\n\r\n";
-    const std::string token = "abcDEF1234567";
-    ASSERT_EQ(token.size(), 13u);
-    EXPECT_EQ(run(kvlog::streamStringReplaceOauthTokenParam, head + token + tail), head + dots(13) + tail);
-}
-
-TEST(KvlogSanitiser, XmlTokenElement)
-{
-    const std::string head = "<?xml version='1.0'?><methodCall><methodName>login</methodName><params>"
-                             "<param><user>alice</user></param><param><token>";
-    const std::string tail = "</token></param><param><device>desk-7</device></param></params></methodCall>";
-    EXPECT_EQ(kvlog::stringReplaceOauthTokenTag(head + "0123456789abc" + tail), head + dots(13) + tail);
-    EXPECT_EQ(run(kvlog::streamStringReplaceOauthTokenTag, head + "0123456789abc" + tail), head + dots(13) + tail);
-}
-
-TEST(KvlogSanitiser, SdpCryptoLines)
-{
-    const std::string in = "v=0\r\n"
-                           "o=- 2890844526 2890842807 IN IP4 10.0.0.5\r\n"
-                           "m=audio 49170 RTP/SAVP 0\r\n"
-                           "a=crypto:1 AES_CM_128_HMAC_SHA1_80 inline:" + key40 + "\r\n"
-                           "a=crypto:2 AES_CM_128_HMAC_SHA1_32 inline:" + key43a + "\r\n"
-                           "a=crypto:3 AES_CM_128_HMAC_SHA1_80 inline:" + key43b + "|2^48 UNENCRYPTED_SRTCP\r\n"
-                           "a=rtpmap:0 PCMU/8000\r\n"
-                           "a=note inline:";
-    const std::string expected = "v=0\r\n"
-                                 "o=- 2890844526 2890842807 IN IP4 10.0.0.5\r\n"
-                                 "m=audio 49170 RTP/SAVP 0\r\n"
-                                 "a=crypto:1 AES_CM_128_HMAC_SHA1_80 inline" + dots(40) + "\r\n"
-                                 "a=crypto:2 AES_CM_128_HMAC_SHA1_32 inline" + dots(43) + "\r\n"
-                                 "a=crypto:3 AES_CM_128_HMAC_SHA1_80 inline" + dots(48) + " UNENCRYPTED_SRTCP\r\n"
-                                 "a=rtpmap:0 PCMU/8000\r\n"
-                                 "a=note inline";
-    EXPECT_EQ(run(kvlog::streamStringReplaceSdpKeys, in, false), expected);
-}
-
-TEST(KvlogSanitiser, KeyListing)
-{
-    std::string in, expected;
-    for (int i = 0; i < 3; ++i) {
-        const std::string lead = "[  " + std::to_string(i) + "] suite=AES_CM_128_HMAC_SHA1_80, keys=";
-        in += lead + key45 + ", params={}\n";
-        expected += lead + dots(45) + ", params={}\n";
-    }
-    EXPECT_EQ(run(kvlog::streamStringReplaceDebugKeys, in, false), expected);
-}
-
-// The quirks below are the patterns' contract; each row pins one of them.
-TEST(KvlogSanitiser, PatternQuirks)
-{
+    const std::string xml = "<methodCall><params><param><user>alice</user></param><param><token>";
+    const std::string xmlEnd = "</token></param><param><device>desk-7</device></param></params></methodCall>";
+    const std::string crypto = "a=crypto:1 AES_CM_128_HMAC_SHA1_80 inline";
     struct Row {
         Sanitiser f;
-        const char* in;
-        std::string out;
+        std::string in, out;
         const char* why;
     } rows[] = {
-        {kvlog::streamStringReplaceOauthTokenParam, R"(a token="abc" other="def" z)", "a token=\"" + dots(15) + "\" z",
-         "greedy: masks up to the last quote"},
-        {kvlog::streamStringReplaceOauthTokenParam, "token=\"ab\ncd\"\nx=\"y\"", "token=\"" + dots(11) + "\"",
-         "dot matches line breaks"},
-        {kvlog::streamStringReplaceOauthTokenParam, "token=\"\"", "token=\"\"", "empty token"},
-        {kvlog::streamStringReplaceOauthTokenParam, "token=\"unterminated", "token=\"unterminated", "no closing quote"},
-        {kvlog::streamStringReplaceOauthTokenParam, "Token=\"abc\"", "Token=\"abc\"", "case sensitive"},
-        {kvlog::streamStringReplaceOauthTokenTag, "<token>a</token><x/><token>bb</token>",
-         "<token>" + dots(22) + "</token>", "greedy: masks up to the last closing tag"},
-        {kvlog::streamStringReplaceOauthTokenJson, R"({"token":"ab.c+/=_-9","x":"y"})",
-         "{\"token\":\"" + dots(10) + "\",\"x\":\"y\"}", "token alphabet, not greedy"},
-        {kvlog::streamStringReplaceOauthTokenJson, R"({"token":"ab c"})", R"({"token":"ab c"})",
-         "a character outside the alphabet: no match"},
-        {kvlog::streamStringReplaceOauthTokenJson, R"({"token": "abc"})", R"({"token": "abc"})",
-         "blank after the colon: no match"},
-        {kvlog::streamStringReplaceOauthTokenJson, R"("token":"a","token":"bcd")",
-         "\"token\":\"" + dots(1) + "\",\"token\":\"" + dots(3) + "\"", "successive matches"},
-        {kvlog::streamStringReplaceSdpKeys, "inline: abc", "inline abc", "blank after the colon leaves the key"},
-        {kvlog::streamStringReplaceSdpKeys, "inline:ab|2^20|1:4 x", "inline" + dots(9) + ":4 x",
-         "| and ^ belong to the key; ':' ends it"},
-        {kvlog::streamStringReplaceSdpKeys, "inline:abc\ninline:de", "inline...\ninline..", "two keys"},
-        {kvlog::streamStringReplaceDebugKeys, "keys= abc", "keys= abc", "blank after = leaves the key"},
-        {kvlog::streamStringReplaceDebugKeys, "keys=a+b/c=|2^31, x", "keys=" + dots(11) + ", x",
-         "colon-less prefix kept"},
-        {kvlog::streamStringReplaceDebugKeys, "no secrets here", "no secrets here", "no match"},
-        {kvlog::streamStringReplaceDebugKeys, "", "", "empty text"},
+        {tag, xml + "0123456789abc" + xmlEnd, xml + dots(13) + xmlEnd, "XML token element"},
+        {sdp, "o=- 2890844526 IN IP4 10.0.0.5\r\n" + crypto + ":" + key40 + "\r\n" + crypto + ":" + key43 + "\r\n",
+         "o=- 2890844526 IN IP4 10.0.0.5\r\n" + crypto + dots(40) + "\r\n" + crypto + dots(43) + "\r\n", "SDP keys"},
+        {sdp, crypto + ":" + key43 + "|2^48 UNENCRYPTED_SRTCP\r\na=note inline:",
+         crypto + dots(48) + " UNENCRYPTED_SRTCP\r\na=note inline", "the lifetime goes with the key; colon dropped"},
+        {keys, "[  0] suite=X, keys=" + key45 + ", params={}\n[  1] keys=" + key45 + "\n",
+         "[  0] suite=X, keys=" + dots(45) + ", params={}\n[  1] keys=" + dots(45) + "\n", "key listing"},
+        {param, R"(a token="abc" other="def" z)", "a token=\"" + dots(15) + "\" z", "greedy: up to the last quote"},
+        {param, "token=\"ab\ncd\"\nx=\"y\"", "token=\"" + dots(11) + "\"", "dot matches line breaks"},
+        {param, "token=\"\"", "token=\"\"", "empty token"},
+        {param, "token=\"unterminated", "token=\"unterminated", "no closing quote"},
+        {param, "Token=\"abc\"", "Token=\"abc\"", "case sensitive"},
+        {tag, "<token>a</token><x/><token>bb</token>", "<token>" + dots(22) + "</token>", "greedy: last closing tag"},
+        {json, R"({"token":"ab.c+/=_-9","x":"y"})", "{\"token\":\"" + dots(10) + "\",\"x\":\"y\"}",
+         "token alphabet, not greedy"},
+        {json, R"({"token":"ab c"})", R"({"token":"ab c"})", "a character outside the alphabet: no match"},
+        {json, R"({"token": "abc"})", R"({"token": "abc"})", "blank after the colon: no match"},
+        {json, R"("token":"a","token":"bcd")", "\"token\":\"" + dots(1) + "\",\"token\":\"" + dots(3) + "\"",
+         "successive matches"},
+        {sdp, "inline: abc", "inline abc", "blank after the colon leaves the key"},
+        {sdp, "inline:ab|2^20|1:4 x", "inline" + dots(9) + ":4 x", "| and ^ belong to the key; ':' ends it"},
+        {sdp, "inline:abc\ninline:de", "inline...\ninline..", "two keys"},
+        {keys, "keys= abc", "keys= abc", "blank after = leaves the key"},
+        {keys, "keys=a+b/c=|2^31, x", "keys=" + dots(11) + ", x", "colon-less prefix kept"},
+        {keys, "no secrets here", "no secrets here", "no match"},
+        {keys, "", "", "empty text"},
     };
     for (const Row& r : rows) {
-        // Masking decisions: empty for the OAuth sanitisers, false for the key ones.
-        const bool isKey = r.f == kvlog::streamStringReplaceSdpKeys || r.f == kvlog::streamStringReplaceDebugKeys;
+        const bool isKey = r.f == sdp || r.f == keys;
         EXPECT_EQ(run(r.f, r.in, isKey ? bool_opt_t(false) : bool_opt_t()), r.out) << r.why;
     }
+    // The string forms run the same patterns.
+    EXPECT_EQ(kvlog::stringReplaceOauthTokenTag(rows[0].in), rows[0].out);
+    EXPECT_EQ(kvlog::stringReplaceOauthTokenJson(rows[10].in), rows[10].out);
 }
 
 // Text beyond the engine's matching budget: the engine throws part-way;
@@ -153,38 +105,38 @@ TEST(KvlogSanitiser, EngineFailureMasksTheRestAndDoesNotThrow)
     EXPECT_TRUE(out == expected) << out.size() << " bytes: " << out.substr(0, 60);
 }
 
+// The decision tests set developer.cryptokeys and create and remove the fixed
+// marker paths (one at a time under ctest: a resource lock).
 class KvlogSanitiserDecision : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (kvlog::isCertModeLoggingEnabled(false)) {
-            GTEST_SKIP() << "this host is in certification mode";
+        if (kvlog::isCertModeLoggingEnabled(false) || kvlog::isCertModeLoggingEnabled(true)) {
+            GTEST_SKIP() << "a certification-mode marker exists on this host";
         }
         cryptoKeys = kvlog::getDeveloperLogger("cryptokeys");
         saved = cryptoKeys->getLevel();
     }
     void TearDown() override
     {
-        if (cryptoKeys) {
+        if (cryptoKeys) { // only what SetUp found absent is removed
             cryptoKeys->setLevel(saved);
+            ::unlink(kvlog::CERT_MODE_MARKER_PATH);
+            ::rmdir(kvlog::CERT_MODE_MARKER_PATH);
+            ::unlink(kvlog::CERT_MODE_TEST_MARKER_PATH);
         }
     }
     kvlog::LoggerPtr cryptoKeys;
     log4cxx::LevelPtr saved;
 };
 
+// Keys: an empty decision follows the cryptokeys level, false masks, true
+// does not. OAuth: only an empty decision masks, whatever the level (the
+// asymmetry is part of the contract).
 TEST_F(KvlogSanitiserDecision, RulesForKeysAndOauth)
 {
     const std::string keyText = "a=crypto:1 X inline:" + key40 + " keys=" + key45;
     const std::string oauthText = R"(token="t" <token>t</token> "token":"t")";
-    struct Row {
-        Sanitiser f;
-        bool isKey;
-    } fns[] = {
-        {kvlog::streamStringReplaceOauthTokenParam, false}, {kvlog::streamStringReplaceOauthTokenTag, false},
-        {kvlog::streamStringReplaceOauthTokenJson, false},  {kvlog::streamStringReplaceSdpKeys, true},
-        {kvlog::streamStringReplaceDebugKeys, true},
-    };
     struct Level {
         log4cxx::LevelPtr level;
         bool trace;
@@ -193,21 +145,17 @@ TEST_F(KvlogSanitiserDecision, RulesForKeysAndOauth)
     for (const Level& lv : levels) {
         cryptoKeys->setLevel(lv.level);
         EXPECT_EQ(kvlog::shouldLogCryptoKeys(false), lv.trace) << lv.level->toString();
-        for (const Row& r : fns) {
-            const std::string& text = r.isKey ? keyText : oauthText;
-            const bool emptyMasks = r.isKey ? !lv.trace : true;
-            EXPECT_EQ(run(r.f, text, boost::none) == text, !emptyMasks) << lv.level->toString();
-            EXPECT_EQ(run(r.f, text, true), text);
-            // false masks key text whatever the level, but leaves OAuth text alone.
-            EXPECT_EQ(run(r.f, text, false) == text, !r.isKey);
+        for (Sanitiser f : {param, tag, json, sdp, keys}) {
+            const bool isKey = f == sdp || f == keys;
+            const std::string& text = isKey ? keyText : oauthText;
+            EXPECT_EQ(run(f, text, boost::none) == text, isKey && lv.trace) << lv.level->toString();
+            EXPECT_EQ(run(f, text, true), text);
+            EXPECT_EQ(run(f, text, false) == text, !isKey);
         }
     }
-}
-
-TEST_F(KvlogSanitiserDecision, LevelInheritedFromDeveloperCounts)
-{
+    // A level inherited from "developer" counts.
     kvlog::LoggerPtr developer = kvlog::getRootDeveloperLogger();
-    log4cxx::LevelPtr devSaved = developer->getLevel();
+    const log4cxx::LevelPtr devSaved = developer->getLevel();
     cryptoKeys->setLevel(log4cxx::LevelPtr());
     developer->setLevel(log4cxx::Level::getTrace());
     EXPECT_TRUE(kvlog::shouldLogCryptoKeys(false));
@@ -216,71 +164,38 @@ TEST_F(KvlogSanitiserDecision, LevelInheritedFromDeveloperCounts)
     developer->setLevel(devSaved);
 }
 
-// The tests below create and remove the fixed marker paths; ctest runs them
-// under one resource lock.
-class KvlogCertMode : public KvlogSanitiserDecision {
-protected:
-    void SetUp() override
-    {
-        KvlogSanitiserDecision::SetUp();
-        if (kvlog::isCertModeLoggingEnabled(true)) {
-            GTEST_SKIP() << "stale " << kvlog::CERT_MODE_TEST_MARKER_PATH;
-        }
-    }
-    void TearDown() override
-    {
-        ::unlink(kvlog::CERT_MODE_MARKER_PATH);
-        ::rmdir(kvlog::CERT_MODE_MARKER_PATH);
-        ::unlink(kvlog::CERT_MODE_TEST_MARKER_PATH);
-        KvlogSanitiserDecision::TearDown();
-    }
-    static void create(const char* path)
-    {
-        FILE* f = std::fopen(path, "w");
-        ASSERT_NE(f, nullptr) << path;
-        std::fclose(f);
-    }
-};
-
-TEST_F(KvlogCertMode, MarkerOverridesTraceForEmptyDecisions)
+// Each variant reads only its own marker, of any file type; a marker
+// overrides TRACE for empty decisions, an explicit decision still wins.
+TEST_F(KvlogSanitiserDecision, CertificationModeMarkers)
 {
     const std::string text = "keys=" + key45;
     cryptoKeys->setLevel(log4cxx::Level::getTrace());
-    EXPECT_EQ(run(kvlog::streamStringReplaceDebugKeys, text), text);
-
-    create(kvlog::CERT_MODE_MARKER_PATH);
-    EXPECT_TRUE(kvlog::isCertModeLoggingEnabled(false));
-    EXPECT_FALSE(kvlog::shouldLogCryptoKeys(false));
-    EXPECT_EQ(run(kvlog::streamStringReplaceDebugKeys, text), "keys=" + dots(45));
-    EXPECT_EQ(run(kvlog::streamStringReplaceSdpKeys, "inline:" + key40), "inline" + dots(40));
-    // An explicit decision still wins, even in certification mode.
-    EXPECT_EQ(run(kvlog::streamStringReplaceDebugKeys, text, true), text);
-    // The test variant ignores the real marker.
-    EXPECT_FALSE(kvlog::isCertModeLoggingEnabled(true));
-    EXPECT_TRUE(kvlog::shouldLogCryptoKeys(true));
-
-    ASSERT_EQ(::unlink(kvlog::CERT_MODE_MARKER_PATH), 0);
-    EXPECT_FALSE(kvlog::isCertModeLoggingEnabled(false));
-    EXPECT_EQ(run(kvlog::streamStringReplaceDebugKeys, text), text);
+    struct Row {
+        const char* path;
+        bool testVariant, directory;
+    } rows[] = {{kvlog::CERT_MODE_MARKER_PATH, false, false},
+                {kvlog::CERT_MODE_TEST_MARKER_PATH, true, false},
+                {kvlog::CERT_MODE_MARKER_PATH, false, true}};
+    for (const Row& r : rows) {
+        EXPECT_EQ(run(keys, text), text) << r.path;
+        if (r.directory) {
+            ASSERT_EQ(::mkdir(r.path, 0700), 0);
+        } else {
+            std::ofstream{r.path};
+        }
+        EXPECT_TRUE(kvlog::isCertModeLoggingEnabled(r.testVariant)) << r.path;
+        EXPECT_FALSE(kvlog::shouldLogCryptoKeys(r.testVariant));
+        EXPECT_FALSE(kvlog::isCertModeLoggingEnabled(!r.testVariant));
+        EXPECT_TRUE(kvlog::shouldLogCryptoKeys(!r.testVariant));
+        EXPECT_EQ(run(keys, text) == text, r.testVariant);
+        EXPECT_EQ(run(sdp, "inline:" + key40) == "inline" + dots(40), !r.testVariant);
+        EXPECT_EQ(run(keys, text, true), text);
+        ASSERT_EQ(r.directory ? ::rmdir(r.path) : ::unlink(r.path), 0);
+        EXPECT_FALSE(kvlog::isCertModeLoggingEnabled(r.testVariant));
+    }
 }
 
-TEST_F(KvlogCertMode, TestMarkerOfAnyType)
-{
-    cryptoKeys->setLevel(log4cxx::Level::getTrace());
-    create(kvlog::CERT_MODE_TEST_MARKER_PATH);
-    EXPECT_TRUE(kvlog::isCertModeLoggingEnabled(true));
-    EXPECT_FALSE(kvlog::shouldLogCryptoKeys(true));
-    EXPECT_FALSE(kvlog::isCertModeLoggingEnabled(false));
-    EXPECT_TRUE(kvlog::shouldLogCryptoKeys(false));
-    ASSERT_EQ(::unlink(kvlog::CERT_MODE_TEST_MARKER_PATH), 0);
-    EXPECT_FALSE(kvlog::isCertModeLoggingEnabled(true));
-
-    ASSERT_EQ(::mkdir(kvlog::CERT_MODE_MARKER_PATH, 0700), 0);
-    EXPECT_TRUE(kvlog::isCertModeLoggingEnabled(false));
-    EXPECT_FALSE(kvlog::shouldLogCryptoKeys(false));
-}
-
-TEST(KvlogHexDump, Layout)
+TEST(KvlogHexDump, LayoutEdgesAndOffsetWidth)
 {
     const unsigned char bytes[] = {0x16, 0x03, 0x01, 0x00, 0xa5, 0x01, 0x00, 0x00, 0xa1, 0x03,
                                    0x03, 0x5b, 0x3c, 0x2e, 0x00, 0xff, 'A',  'B'};
@@ -290,15 +205,11 @@ TEST(KvlogHexDump, Layout)
     std::ostringstream out;
     kvlog::hexDumpToStream(out, bytes, 8);
     EXPECT_EQ(out.str(), "0000  16 03 01 00 a5 01 00 00" + std::string(27, ' ') + "|........|\n");
-}
-
-TEST(KvlogHexDump, EdgesAndOffsetWidth)
-{
     EXPECT_EQ(kvlog::hexDumpToString(nullptr, 10), "");
-    const unsigned char one = 0x7f;
-    EXPECT_EQ(kvlog::hexDumpToString(&one, 0), "");
-    EXPECT_EQ(kvlog::hexDumpToString(&one, 1), "0000  7f" + std::string(48, ' ') + "|.|\n");
+    EXPECT_EQ(kvlog::hexDumpToString(bytes, 0), "");
+    EXPECT_EQ(kvlog::hexDumpToString(bytes, 1), "0000  16" + std::string(48, ' ') + "|.|\n");
 
+    // The offset widens past 0xffff; full lines keep the columns aligned.
     struct Row {
         uint32_t length;
         const char* lastOffset;
@@ -306,15 +217,12 @@ TEST(KvlogHexDump, EdgesAndOffsetWidth)
     for (const Row& r : rows) {
         std::vector<unsigned char> data(r.length, 'x');
         const std::string dump = kvlog::hexDumpToString(data.data(), r.length);
-        const size_t lines = (r.length + 15) / 16;
-        EXPECT_EQ(static_cast<size_t>(std::count(dump.begin(), dump.end(), '\n')), lines);
+        EXPECT_EQ(static_cast<size_t>(std::count(dump.begin(), dump.end(), '\n')), (r.length + 15) / 16);
         const size_t lastStart = dump.rfind('\n', dump.size() - 2);
         const std::string last = dump.substr(lastStart == std::string::npos ? 0 : lastStart + 1);
         EXPECT_EQ(last.rfind(r.lastOffset, 0), 0u) << r.length << ": " << last;
-        // Every line is as wide as the first: the columns line up.
-        const size_t firstLen = dump.find('\n');
         if (r.length % 16 == 0) {
-            EXPECT_EQ(last.size(), firstLen + 1);
+            EXPECT_EQ(last.size(), dump.find('\n') + 1);
         }
     }
 }
