@@ -10,24 +10,11 @@
 #include <string>
 #include <vector>
 
-inline std::vector<std::string> stampedLines(const std::string& text)
-{
-    static const std::regex stamp("^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2} ");
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::smatch m;
-        EXPECT_TRUE(std::regex_search(line, m, stamp)) << "no time stamp: " << line;
-        out.push_back(m.empty() ? line : line.substr(static_cast<size_t>(m.length(0))));
-    }
-    return out;
-}
-
-// The stamped lines only, stamps stripped. Object-style suite reports put
-// line breaks inside one printed message; the text after such a break has no
-// stamp of its own and is skipped here.
-inline std::vector<std::string> stampedLinesOnly(const std::string& text)
+// Splits text into lines and strips each line's time stamp. With
+// `requireStamp`, a line without a stamp is a test failure; without it, such
+// lines are skipped: object-style suite reports put line breaks inside one
+// printed message, and the text after such a break has no stamp of its own.
+inline std::vector<std::string> splitStamped(const std::string& text, bool requireStamp)
 {
     static const std::regex stamp("^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2} ");
     std::vector<std::string> out;
@@ -37,9 +24,22 @@ inline std::vector<std::string> stampedLinesOnly(const std::string& text)
         std::smatch m;
         if (std::regex_search(line, m, stamp)) {
             out.push_back(line.substr(static_cast<size_t>(m.length(0))));
+        } else if (requireStamp) {
+            ADD_FAILURE() << "no time stamp: " << line;
+            out.push_back(line);
         }
     }
     return out;
+}
+
+inline std::vector<std::string> stampedLines(const std::string& text)
+{
+    return splitStamped(text, true);
+}
+
+inline std::vector<std::string> stampedLinesOnly(const std::string& text)
+{
+    return splitStamped(text, false);
 }
 
 #endif
