@@ -29,14 +29,6 @@
 #include <thread>
 #include <vector>
 
-// log4cxx 1.0 releases the rolling file appender's policy with a sized delete
-// of the wrong size (harmless with glibc); ASan would report it from inside
-// the uninstrumented library on every reset. The check stays on elsewhere.
-extern "C" const char* __asan_default_options()
-{
-    return "new_delete_type_mismatch=0";
-}
-
 namespace {
 
 using namespace std::chrono_literals;

@@ -161,6 +161,7 @@ TEST(PlatformUnittests, EveryRegisteredUnitPasses)
     std::vector<std::string> lines = stampedLinesOnly(r.out);
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().rfind("UNITTEST OK (", 0), 0u) << r.out;
+    EXPECT_EQ(r.status, 0) << "the runner exits 0 unless it crashed or a sanitizer stopped it";
     Result list = run(KV_PLATFORM_UNITTESTS_PATH, "--listunittest");
     std::vector<std::string> names = stampedLines(list.out);
     ASSERT_GE(names.size(), 2u);
