@@ -66,6 +66,14 @@ void unlink(DList* l, void* e)
     --l->iElemCnt;
 }
 
+// The index of the record before position iIdx (iIdx != 0). Every negative
+// index means "after the head", and getAt(-1) is the head (or null when
+// empty); computing iIdx - 1 directly would overflow for INT_MIN.
+int positionBefore(int iIdx)
+{
+    return iIdx < 0 ? -1 : iIdx - 1;
+}
+
 } // namespace
 
 DList* DList_makeDList(DList* pDList, void* pElem, void* pElemNextPtr, void* pElemPrevPtr,
@@ -106,8 +114,7 @@ bool DList_insertAt(DList* pDList, void* pNew, int iIdx)
     if (iIdx > pDList->iElemCnt) {
         return false;
     }
-    // For a negative index, getAt(iIdx - 1) yields the head.
-    return DList_insertAfter(pDList, DList_getAt(pDList, iIdx - 1), pNew);
+    return DList_insertAfter(pDList, DList_getAt(pDList, positionBefore(iIdx)), pNew);
 }
 
 bool DList_insertSorted(DList* pDList, void* pNew)
@@ -152,7 +159,7 @@ void* DList_removeAt(DList* pDList, int iIdx)
     if (iIdx == 0) {
         return DList_removeAfter(pDList, nullptr);
     }
-    return DList_removeAfter(pDList, DList_getAt(pDList, iIdx - 1));
+    return DList_removeAfter(pDList, DList_getAt(pDList, positionBefore(iIdx)));
 }
 
 void* DList_getFirst(const DList* pDList)

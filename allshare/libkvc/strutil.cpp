@@ -25,7 +25,8 @@ char* kvclib_strcpy(char* pDstBuf, const char* pSrcBuf, int iDstSize)
 
 char* kvclib_strncpy(char* pDstBuf, int iDstSize, const char* pSrcBuf, int iSrcLen)
 {
-    int size = (iSrcLen >= 0 && iSrcLen < iDstSize) ? iSrcLen + 1 : iDstSize;
+    assert(iSrcLen >= 0);
+    int size = iSrcLen < iDstSize ? iSrcLen + 1 : iDstSize;
     return kvclib_strcpy(pDstBuf, pSrcBuf, size);
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include <cstdlib>
 #include <vector>
 
@@ -133,6 +135,7 @@ TEST_F(DListTest, InsertAtIndexRules)
         {4, false, {0, 1, 2}},    // beyond the count
         {-1, true, {0, 9, 1, 2}}, // negative: after the head
         {-7, true, {0, 9, 1, 2}},
+        {INT_MIN, true, {0, 9, 1, 2}}, // no overflow computing the position before it
     };
     for (const Row& r : rows) {
         SetUp();
@@ -161,6 +164,7 @@ TEST_F(DListTest, RemoveAtIndexRules)
     } rows[] = {
         {0, 0, {1, 2, 3}}, {2, 2, {0, 1, 3}}, {3, 3, {0, 1, 2}}, {4, -1, {0, 1, 2, 3}},
         {-1, 1, {0, 2, 3}}, // negative: the record after the head
+        {INT_MIN, 1, {0, 2, 3}},
     };
     for (const Row& r : rows) {
         SetUp();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <string>
 
@@ -182,6 +183,9 @@ TEST(StrUtilDeathTest, NullArgumentsAndBadSizesAssert)
     EXPECT_DEATH(kvclib_strcpy(nullptr, "a", 4), "pDstBuf != NULL");
     EXPECT_DEATH(kvclib_strcpy(buf, nullptr, 4), "pSrcBuf != NULL");
     EXPECT_DEATH(kvclib_strcpy(buf, "a", 0), "iDstSize > 0");
+    // A negative source length is a fault of the caller, not a request to copy.
+    EXPECT_DEATH(kvclib_strncpy(buf, 4, "abc", -1), "iSrcLen >= 0");
+    EXPECT_DEATH(kvclib_strncpy(buf, 4, "abc", INT_MIN), "iSrcLen >= 0");
     EXPECT_DEATH(kvclib_strToId(table, nullptr), "szStr != NULL");
     EXPECT_DEATH(kvclib_strToId(nullptr, "a"), "pszStrings != NULL");
     EXPECT_DEATH(kvclib_strToIdLen(nullptr, "a", 1), "pszStrings != NULL");

@@ -18,7 +18,8 @@ extern "C" {
 /* Copies at most iDstSize - 1 bytes of pSrcBuf and terminates. Returns pDstBuf. */
 char* kvclib_strcpy(char* pDstBuf, const char* pSrcBuf, int iDstSize);
 
-/* As kvclib_strcpy, but copies at most iSrcLen bytes of pSrcBuf. */
+/* As kvclib_strcpy, but copies at most iSrcLen bytes of pSrcBuf. A negative
+ * iSrcLen is a programming fault (C assertion "iSrcLen >= 0"). */
 char* kvclib_strncpy(char* pDstBuf, int iDstSize, const char* pSrcBuf, int iSrcLen);
 
 /* Appends p1 to s so that the result fits in iDstSize bytes with its
