@@ -11,7 +11,8 @@
  *   id,value[,encoding]   lines split at CR and/or LF, empty lines skipped;
  *                         the text ends at its first zero byte
  *   - no comma, or nothing after it: "Failed to parse key file", search ends
- *   - empty id: treated the same way
+ *   - empty id, or an id with "$" (which separates the fields of a cipher
+ *     string, so no cipher string could name it): treated the same way
  *   - id of more than 40 characters: reported, line skipped
  *   - encoding empty or 0: value is Base64 of the key; 1: Base64 of the key
  *     wrapped with the bootstrap RSA key; anything else is refused
@@ -292,7 +293,10 @@ bool takeLine(CRYPT_DATA* cd, const char* id, size_t idLen, const char* value, s
                           : base64Decode(value, static_cast<int>(valueLen), cd->priv_key,
                                          static_cast<int>(cap));
         if (n < 1) {
+            // A result of 0 can still have written key bytes: the padding
+            // count is subtracted from what was decoded.
             SK_ERROR("Failed to Base64 decode key\" Id=\"%s", lineId.text);
+            OPENSSL_cleanse(cd->priv_key, sizeof cd->priv_key);
             cd->priv_key_len = 0;
             return false;
         }
@@ -439,11 +443,12 @@ bool getPrivateKey(CRYPT_DATA* cd, const char* text, size_t len, bool active)
         pos += lineLen;
 
         const char* comma = static_cast<const char*>(std::memchr(line, ',', lineLen));
-        if (comma == nullptr || comma == line || comma == line + lineLen - 1) {
+        const size_t idLen = comma != nullptr ? static_cast<size_t>(comma - line) : 0;
+        if (comma == nullptr || comma == line || comma == line + lineLen - 1 ||
+            std::memchr(line, '$', idLen) != nullptr) {
             SK_ERROR("Failed to parse key file");
             break;
         }
-        const size_t idLen = static_cast<size_t>(comma - line);
         if (idLen > kMaxIdLen) {
             SK_ERROR("Key Id is longer than expected");
             continue;

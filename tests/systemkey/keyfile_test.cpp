@@ -1,8 +1,14 @@
 #include "fixture.h"
+#include "memscan.h"
 #include "systemkey/crypto_funcs.h"
 #include "systemkey/crypto_steps.h"
 
 #include <atomic>
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <sys/random.h>
+#include <sys/uio.h>
 #include <cstring>
 #include <thread>
 #include <unistd.h>
@@ -97,6 +103,17 @@ TEST_F(KeyFileTest, LineRules)
         {"encoding 2", keyLine("a", kKeyA, "2") + b, nullptr, false, "", "a", "Illegal encoding value"},
         {"encoding text", keyLine("a", kKeyA, "x") + b, nullptr, false, "", "a", "Illegal encoding value"},
         {"bad Base64", "a,!!!!\n" + b, nullptr, false, "", "a", undecodable},
+        // Twenty characters of key and sixty "=" decode to as many bytes as
+        // there is padding: zero bytes, but the key's bytes were written.
+        {"key decoding to zero bytes", "a," + b64(kKeyA).substr(0, 20) + std::string(60, '=') + "\n" + b, nullptr,
+         false, "", "a", undecodable},
+        {"key decoding to zero bytes, by id", "a," + b64(kKeyA).substr(0, 20) + std::string(60, '=') + "\n" + b, "a",
+         false, "", "a", undecodable},
+        // "$" separates the fields of a cipher string: such an id could never
+        // be named by one, so the line is malformed.
+        {"$ in the active id", "a$1," + b64(kKeyA) + "\n" + b, nullptr, false, "", "", unparsable},
+        {"$ in an id before the one asked for", "a$1," + b64(kKeyA) + "\n" + b, "b", false, "", "b", unparsable},
+        {"$ alone as the id", "$," + b64(kKeyA) + "\n" + b, nullptr, false, "", "", unparsable},
         {"empty value", "a,,0\n" + b, nullptr, false, "", "a", undecodable},
         // 88 Base64 characters need a capacity of 66: 63 bytes is the longest key.
         {"64-byte key", keyLine("a", std::string(64, 'k')), nullptr, false, "", "a", undecodable},
@@ -124,6 +141,129 @@ TEST_F(KeyFileTest, LineRules)
     cd.priv_key_size = 15;
     EXPECT_FAILS_LOGGING(getPrivateKey(&cd, kKeyA.data(), 16, true),
                          "Output buffer too short for key\" Current-Length=\"15\" Required-Length=\"16");
+}
+
+// A random key known to the test only as needles for the memory scan: its
+// first 15 bytes (raw) and their Base64 (text, 20 characters, no padding).
+class SecretKey {
+public:
+    SecretKey()
+    {
+        // Straight from the kernel: the cipher library's generator keeps
+        // what it hands out in buffers of its own.
+        ssize_t got = 0;
+        while (got < static_cast<ssize_t>(sizeof raw_)) {
+            const ssize_t n = getrandom(raw_ + got, sizeof raw_ - static_cast<size_t>(got), 0);
+            got += n > 0 ? n : 0;
+        }
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text_), raw_, sizeof raw_);
+        rawNeedle_ = std::make_unique<Needle>(raw_, sizeof raw_);
+        textNeedle_ = std::make_unique<Needle>(text_, 20);
+    }
+    ~SecretKey() { wipe(); }
+    SecretKey(const SecretKey&) = delete;
+    SecretKey& operator=(const SecretKey&) = delete;
+
+    // Writes prefix, the key (raw or as text) and suffix, with no copy of
+    // the key anywhere but the file.
+    bool writeFile(const std::string& path, const std::string& prefix, bool raw, const std::string& suffix)
+    {
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            return false;
+        }
+        struct iovec parts[3] = {
+            {const_cast<char*>(prefix.data()), prefix.size()},
+            {raw ? static_cast<void*>(raw_) : static_cast<void*>(text_), raw ? sizeof raw_ : 20},
+            {const_cast<char*>(suffix.data()), suffix.size()},
+        };
+        const size_t total = prefix.size() + parts[1].iov_len + suffix.size();
+        size_t done = 0;
+        int i = 0;
+        while (done < total) {
+            const ssize_t n = writev(fd, parts + i, 3 - i);
+            if (n <= 0) {
+                break;
+            }
+            done += static_cast<size_t>(n);
+            for (size_t left = static_cast<size_t>(n); i < 3 && left >= parts[i].iov_len; ++i) {
+                left -= parts[i].iov_len;
+                if (i < 2 && left < parts[i + 1].iov_len) {
+                    parts[i + 1].iov_base = static_cast<char*>(parts[i + 1].iov_base) + left;
+                    parts[i + 1].iov_len -= left;
+                    left = 0;
+                }
+            }
+        }
+        close(fd);
+        return done == total;
+    }
+    // Only the needles are kept from here on.
+    void wipe()
+    {
+        OPENSSL_cleanse(raw_, sizeof raw_);
+        OPENSSL_cleanse(text_, sizeof text_);
+    }
+    // Where a leftover of the key was found, or "".
+    std::string leftover() const { return findInProcessMemory({rawNeedle_.get(), textNeedle_.get()}); }
+
+private:
+    unsigned char raw_[15];
+    char text_[21];
+    std::unique_ptr<Needle> rawNeedle_, textNeedle_;
+};
+
+// Every path of the key-file reader, failures first: once the call has
+// returned, the key's bytes and its text are nowhere in the process's memory
+// (freed buffers included) but in a record that succeeded, and not even
+// there once it is released.
+TEST_F(KeyFileTest, NoPathLeavesKeyMaterialInMemory)
+{
+    struct Row {
+        const char* name;
+        std::string prefix;
+        bool raw; // the key itself rather than its Base64
+        std::string suffix;
+        const char* id; // null: the active key
+        bool ok;
+        bool bootstrap;
+    } rows[] = {
+        {"key decoding to zero bytes", "a,", false, std::string(60, '=') + "\n", nullptr, false, false},
+        {"key decoding to zero bytes, by id", "a,", false, std::string(60, '=') + "\n", "a", false, false},
+        {"undecodable value", "a,", false, "!!!!\n", nullptr, false, false},
+        {"value too long for the key buffer", "a,", false, std::string(68, 'A') + "\n", nullptr, false, false},
+        {"illegal encoding", "a,", false, ",2\n", nullptr, false, false},
+        {"another id asked for", "a,", false, "\n", "b", false, false},
+        {"behind a line that ends the search", "x\na,", false, "\n", "a", false, false},
+        {"$ in the id", "a$1,", false, "\n", nullptr, false, false},
+        {"wrapped, no bootstrap key", "a,", false, ",1\n", nullptr, false, false},
+        {"wrapped, does not unwrap", "a,", false, ",1\n", nullptr, false, true},
+        {"file too short", "", true, "", nullptr, false, false},
+        {"file larger than the read buffer", "a,", false, "\n" + std::string(2u << 20, '\n'), "b", false, false},
+        {"selected, then released", "a,", false, "\n", nullptr, true, false},
+        {"bare key, then released", "", true, "!", nullptr, true, false},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        unlink(bootstrap.c_str());
+        if (r.bootstrap) {
+            provisionBootstrap();
+        }
+        SecretKey key;
+        ASSERT_TRUE(key.writeFile(keyFile, r.prefix, r.raw, r.suffix));
+        key.wipe();
+        Record cd;
+        if (r.id != nullptr) {
+            std::strcpy(cd.key_id, r.id);
+            cd.key_id_len = std::strlen(r.id);
+        }
+        EXPECT_EQ(r.id == nullptr ? getActivePrivateKey(&cd) : getPrivateKeyByID(&cd), r.ok) << log->dump();
+        if (!r.ok) {
+            EXPECT_EQ(key.leftover(), "") << "after the failed call";
+        }
+        cryptDataRelease(&cd);
+        EXPECT_EQ(key.leftover(), "") << "after the record's release";
+    }
 }
 
 class WrappedKeyTest : public KeyFileTest {
