@@ -230,7 +230,14 @@ bool checkEncryptedInputFormat(const char* text, size_t length)
     if (length >= SYSTEMKEY_MIN_CIPHER_STRING && isPrefixedAsCiphertext(text)) {
         return true;
     }
-    SK_ERROR("Invalid input; not prefixed or too short\" Input=\"%s", text != nullptr ? text : "");
+    if (isPrefixedAsCiphertext(text)) {
+        SK_ERROR("Invalid input; not prefixed or too short\" Input=\"%s", text);
+    } else {
+        // Without the prefix this is most likely a plaintext secret given
+        // where a cipher string belongs: the system log gets its length only.
+        SK_ERROR("Invalid input; not prefixed or too short\" Input=\"<%zu characters not shown>",
+                 text != nullptr ? std::strlen(text) : static_cast<size_t>(0));
+    }
     return false;
 }
 

@@ -15,6 +15,9 @@
  * the leading digits of the microsecond count (12345 us gives ",123"), not
  * zero-padded milliseconds. Log readers depend on both quirks.
  *
+ * Messages carry key ids and refused inputs, so every text the bridge
+ * formats is wiped before it is freed.
+ *
  * The bridge's state is allocated once and never destroyed, so that code
  * running during static destruction (the key cache logs as it goes) still
  * finds it intact.
@@ -30,6 +33,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <openssl/crypto.h>
 #include <string>
 #include <strings.h>
 #include <sys/stat.h>
@@ -201,12 +205,26 @@ int maxPriorityFor(const char* module)
     return best;
 }
 
+// Frees a formatted text after wiping it: messages carry key ids and
+// refused inputs.
+void wipeAndFree(char* text)
+{
+    if (text != nullptr) {
+        OPENSSL_cleanse(text, std::strlen(text));
+        std::free(text);
+    }
+}
+
+// Formats into a stack buffer first: measuring with a null buffer would
+// make the C library expand the text into scratch space of its own, which
+// nobody wipes. Only texts longer than the buffer are formatted twice.
 char* formatAlloc(const char* format, va_list args) ZEL_PRINTF(1, 0);
 char* formatAlloc(const char* format, va_list args)
 {
+    char local[1024];
     va_list copy;
     va_copy(copy, args);
-    const int n = std::vsnprintf(nullptr, 0, format, copy);
+    const int n = std::vsnprintf(local, sizeof local, format, copy);
     va_end(copy);
     const size_t size = n < 0 ? 1 : static_cast<size_t>(n) + 1;
     char* text = static_cast<char*>(std::malloc(size));
@@ -214,9 +232,12 @@ char* formatAlloc(const char* format, va_list args)
         std::abort();
     }
     text[0] = '\0';
-    if (n > 0) {
+    if (n > 0 && size <= sizeof local) {
+        std::memcpy(text, local, size);
+    } else if (n > 0) {
         std::vsnprintf(text, size, format, args);
     }
+    OPENSSL_cleanse(local, sizeof local);
     return text;
 }
 
@@ -250,7 +271,7 @@ char* zel_vlogmessage(const char* module, int priority, const char* format, va_l
     char* detail = formatAlloc(format, args);
     char* line = buildLine("Module=\"%s\" Level=\"%s\" UTCTime=\"%s\" Detail=\"%s\"",
                            module != nullptr ? module : "", levelWord(priority), stamp, detail);
-    std::free(detail);
+    wipeAndFree(detail);
     return line;
 }
 
@@ -270,7 +291,7 @@ void zel_vsyslog(const char* module, int priority, const char* format, va_list a
     }
     char* line = zel_vlogmessage(module, priority, format, args);
     gSink.load(std::memory_order_acquire)(priority, line);
-    std::free(line);
+    wipeAndFree(line);
 }
 
 void zel_syslog(const char* module, int priority, const char* format, ...)

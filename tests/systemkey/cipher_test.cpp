@@ -138,6 +138,41 @@ TEST_F(CipherTest, ParsingOfEveryShape)
     }
 }
 
+// A refused input that lacks the prefix is most likely a plaintext secret
+// given where a cipher string belongs: the line shows only its length. A
+// prefixed one is shown, to tell which stored string is broken.
+TEST_F(CipherTest, RefusedInputIsShownOnlyWhenPrefixed)
+{
+    const std::string refused = "Invalid input; not prefixed or too short\" Input=\"";
+    struct Row {
+        const char* text;
+        size_t length;
+        std::string shown;
+    } rows[] = {
+        {"hunter2", 7, "<7 characters not shown>"},
+        {"plain text that is long enough to pass", 38, "<38 characters not shown>"},
+        {"{CIPHER}$a$1$AAAAAAAAAAAAAAAAAAAAAAAA", 37, "<37 characters not shown>"},
+        {"{ciphe", 6, "<6 characters not shown>"},
+        {"", 0, "<0 characters not shown>"},
+        {nullptr, 0, "<0 characters not shown>"},
+        {"{cipher}AAAA", 12, "{cipher}AAAA"},
+        {"{cipher}", 8, "{cipher}"},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.text != nullptr ? r.text : "(null)");
+        log->clear();
+        EXPECT_FALSE(checkEncryptedInputFormat(r.text, r.length));
+        EXPECT_EQ(details(), std::vector<std::string>{refused + r.shown}) << log->dump();
+    }
+    // Through the exported functions too.
+    char out[64];
+    log->clear();
+    EXPECT_FALSE(decryptStringWithSystemKey("my password", out, sizeof out));
+    EXPECT_FALSE(decryptStringWithPresharedKey("my password", kKeyA.c_str(), out, sizeof out));
+    EXPECT_EQ(log->count(refused + "<11 characters not shown>"), 2u) << log->dump();
+    EXPECT_EQ(log->count("my password"), 0u);
+}
+
 // Strings that pass the parse but not the rest, and strings the format check
 // refuses (32 characters is the shortest it takes): each fails with its
 // line and leaves the output zeroed.
@@ -277,7 +312,7 @@ TEST_F(CipherTest, PercentSignsInCipherStringsAreNeverAFormat)
         {"{cipher}$%n%s%x$1$" + std::string(24, 'A'), "Id=\"%n%s%x\" Operation=\"Decryption"},
         {"{cipher}$a$1$%n%s%x%n%s%x%n%s%x%n%s%x", "Failed to Base64 decode the ciphertext"},
         {"{cipher}%n%s%x%n%s%x%n%s%x%n%s%x", "Failed to find required decryption key\" Id=\"0"},
-        {"%n%s%x%n%s%x%n%s%x%n%s%x%n%s%x%n%s%x", "Input=\"%n%s%x%n%s%x%n%s%x%n%s%x%n%s%x%n%s%x"},
+        {"{cipher}%n%s%x%n%s%x", "Input=\"{cipher}%n%s%x%n%s%x"},
     };
     for (const Row& r : rows) {
         log->clear();

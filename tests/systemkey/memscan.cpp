@@ -6,7 +6,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
+#include <algorithm>
+#include <iterator>
 #include <sstream>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -44,30 +45,68 @@ namespace {
 
 constexpr size_t kMaxMapping = 256u << 20;
 constexpr size_t kChunk = 1u << 20;
+constexpr size_t kMapsText = 4u << 20;
+constexpr size_t kMaxMappings = 8192;
 
 struct Mapping {
     uintptr_t start, end;
-    std::string line;
+    const char* line; // into the maps text, terminated
 };
 
-std::vector<Mapping> writableMappings()
+// Scratch outside the heap: the scan must not allocate, or it would reuse
+// (and overwrite) the very freed chunks it is looking into.
+struct Scratch {
+    explicit Scratch(size_t n) : size(n)
+    {
+        void* p = mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        data = p == MAP_FAILED ? nullptr : static_cast<unsigned char*>(p);
+    }
+    ~Scratch()
+    {
+        if (data != nullptr) {
+            OPENSSL_cleanse(data, size); // a find is never left for a later scan
+            munmap(data, size);
+        }
+    }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    size_t size;
+    unsigned char* data;
+};
+
+// The readable, writable, private mappings of at most kMaxMapping bytes.
+size_t writableMappings(Scratch& text, Mapping* out, size_t cap)
 {
-    std::vector<Mapping> out;
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    while (std::getline(maps, line)) {
+    const int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    size_t len = 0;
+    for (ssize_t n; len + 1 < text.size && (n = read(fd, text.data + len, text.size - 1 - len)) > 0;) {
+        len += static_cast<size_t>(n);
+    }
+    close(fd);
+    text.data[len] = '\0';
+    size_t count = 0;
+    char* line = reinterpret_cast<char*>(text.data);
+    while (*line != '\0' && count < cap) {
+        char* eol = std::strchr(line, '\n');
+        if (eol != nullptr) {
+            *eol = '\0';
+        }
         uintptr_t start = 0, end = 0;
         char perms[5] = {};
-        if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s", &start, &end, perms) != 3) {
-            continue;
+        if (std::sscanf(line, "%" SCNxPTR "-%" SCNxPTR " %4s", &start, &end, perms) == 3 && perms[0] == 'r' &&
+            perms[1] == 'w' && perms[3] == 'p' && end - start <= kMaxMapping && std::strstr(line, "[vvar]") == nullptr &&
+            std::strstr(line, "[vsyscall]") == nullptr) {
+            out[count++] = {start, end, line};
         }
-        if (perms[0] != 'r' || perms[1] != 'w' || perms[3] != 'p' || end - start > kMaxMapping ||
-            line.find("[vvar]") != std::string::npos || line.find("[vsyscall]") != std::string::npos) {
-            continue;
+        if (eol == nullptr) {
+            break;
         }
-        out.push_back({start, end, line});
+        line = eol + 1;
     }
-    return out;
+    return count;
 }
 
 } // namespace
@@ -78,23 +117,25 @@ std::string findInProcessMemory(const std::vector<const Needle*>& needles)
     for (const Needle* n : needles) {
         overlap = std::max(overlap, n->size());
     }
+    Scratch chunk(kChunk + overlap);
+    Scratch mapsText(kMapsText);
+    Scratch table(kMaxMappings * sizeof(Mapping));
     const int fd = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return "cannot open /proc/self/mem";
+    if (chunk.data == nullptr || mapsText.data == nullptr || table.data == nullptr || fd < 0) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return "cannot set up the scan";
     }
-    // The chunk buffer lives outside the heap and is wiped before it is
-    // unmapped, so a find is never copied somewhere a later scan would see it.
-    const size_t bufSize = kChunk + overlap;
-    void* mem = mmap(nullptr, bufSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mem == MAP_FAILED) {
-        close(fd);
-        return "cannot map a scan buffer";
-    }
-    auto* buf = static_cast<unsigned char*>(mem);
-    const uintptr_t self = reinterpret_cast<uintptr_t>(mem);
+    auto* maps = reinterpret_cast<Mapping*>(table.data);
+    const size_t count = writableMappings(mapsText, maps, kMaxMappings);
+    unsigned char* buf = chunk.data;
+    const uintptr_t own[] = {reinterpret_cast<uintptr_t>(chunk.data), reinterpret_cast<uintptr_t>(mapsText.data),
+                             reinterpret_cast<uintptr_t>(table.data)};
     std::string found;
-    for (const Mapping& m : writableMappings()) {
-        if (m.start == self) {
+    for (size_t k = 0; k < count && found.empty(); ++k) {
+        const Mapping& m = maps[k];
+        if (std::find(std::begin(own), std::end(own), m.start) != std::end(own)) {
             continue;
         }
         size_t carried = 0; // bytes kept from the previous chunk
@@ -117,12 +158,7 @@ std::string findInProcessMemory(const std::vector<const Needle*>& needles)
             std::memmove(buf, buf + have - carried, carried);
             at += static_cast<uintptr_t>(got);
         }
-        if (!found.empty()) {
-            break;
-        }
     }
-    OPENSSL_cleanse(buf, bufSize);
-    munmap(mem, bufSize);
     close(fd);
     return found;
 }

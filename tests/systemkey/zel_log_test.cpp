@@ -1,10 +1,14 @@
 #include "fixture.h"
+#include "memscan.h"
 #include "systemkey/zel-log4os.h"
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <regex>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <thread>
@@ -176,6 +180,34 @@ TEST_F(ZelLogTest, PercentSignsInMessagesReachTheSinkUnchanged)
 {
     zel_syslog("developer.zel_crypto_server", 3, "Id=\"%s\"", "%n%s%x%p");
     EXPECT_EQ(details(), std::vector<std::string>{"Id=\"%n%s%x%p\""});
+}
+
+// What a message carries (a key id, a refused input) is wiped from the
+// bridge's buffers once the line has been handed on: after the call the
+// process's memory holds it nowhere, freed buffers included.
+TEST_F(ZelLogTest, FormattingBuffersAreWipedAfterUse)
+{
+    char secret[33] = {};
+    ASSERT_EQ(getrandom(secret, 32, 0), 32);
+    for (int i = 0; i < 32; ++i) {
+        secret[i] = static_cast<char>('a' + static_cast<unsigned char>(secret[i]) % 26);
+    }
+    const Needle needle(secret, 32);
+    static std::atomic<int> delivered;
+    delivered = 0;
+    log.reset(); // a capture would keep the line
+    zel_setLogSink([](int, const char*) { ++delivered; });
+    zel_syslog("developer.zel_crypto_server", 3, "Bad input\" Input=\"%s", secret);
+    char* line = zel_logmessage("developer.zel_crypto_server", 3, "Bad input\" Input=\"%s", secret);
+    const bool carried = line != nullptr && std::strstr(line, secret) != nullptr;
+    OPENSSL_cleanse(line, std::strlen(line));
+    std::free(line);
+    OPENSSL_cleanse(secret, sizeof secret);
+    const std::string leftover = findInProcessMemory({&needle});
+    log = std::make_unique<LogCapture>();
+    EXPECT_EQ(delivered.load(), 1);
+    EXPECT_TRUE(carried);
+    EXPECT_EQ(leftover, "");
 }
 
 } // namespace

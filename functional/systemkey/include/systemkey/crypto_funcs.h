@@ -57,7 +57,9 @@ SYSTEMKEY_MUST_CHECK bool reencryptString(const char* in, char* out, int outCap,
 /* True when `text` begins with "{cipher}". */
 bool isPrefixedAsCiphertext(const char* text);
 /* True when `text` is prefixed and at least 32 characters long; otherwise
- * logs "Invalid input; not prefixed or too short". */
+ * logs "Invalid input; not prefixed or too short" with the input, or, when
+ * the input is not prefixed (likely a plaintext secret), only its length:
+ * Input="<N characters not shown>". */
 bool checkEncryptedInputFormat(const char* text, size_t length);
 
 /* ---- Key file, key selection and wrapped keys ---------------------------- */
