@@ -2,16 +2,19 @@
 
 #include "systemkey/systemkey_seams.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <memory>
 #include <mutex>
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace sktest {
@@ -43,14 +46,42 @@ ScratchDir::~ScratchDir()
     rmdir(path_.c_str());
 }
 
+namespace {
+
+// Opens `path` for writing from scratch, readable by the owner only.
+int openPrivate(const std::string& path)
+{
+    if (path.empty()) {
+        return -1;
+    }
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd >= 0 && fchmod(fd, 0600) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
 bool writeFile(const std::string& path, const std::string& contents)
 {
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) {
+    const int fd = openPrivate(path);
+    if (fd < 0) {
         return false;
     }
-    const bool ok = std::fwrite(contents.data(), 1, contents.size(), f) == contents.size();
-    return std::fclose(f) == 0 && ok;
+    size_t done = 0;
+    while (done < contents.size()) {
+        const ssize_t n = write(fd, contents.data() + done, contents.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return close(fd) == 0 && done == contents.size();
 }
 
 Redirect::Redirect(const std::string& keyFile, const std::string& bootstrap, const std::string& logConf)
@@ -74,8 +105,13 @@ EVP_PKEY* generateRsa(int bits)
 
 bool writePrivatePem(EVP_PKEY* pkey, const std::string& path, bool traditional)
 {
-    BIO* bio = BIO_new_file(path.c_str(), "w");
+    const int fd = openPrivate(path);
+    if (fd < 0) {
+        return false;
+    }
+    BIO* bio = BIO_new_fd(fd, BIO_CLOSE);
     if (bio == nullptr) {
+        close(fd);
         return false;
     }
     const int ok = traditional

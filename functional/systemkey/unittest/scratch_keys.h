@@ -16,7 +16,9 @@
 
 namespace sktest {
 
-/* A private directory made with mkdtemp, removed with its files at scope end. */
+/* A private directory made with mkdtemp, removed with its files at scope end.
+ * When it cannot be made, ok() is false and file() gives "" for every name,
+ * so nothing meant for it can land anywhere else. */
 class ScratchDir {
 public:
     ScratchDir();
@@ -26,12 +28,14 @@ public:
 
     bool ok() const { return !path_.empty(); }
     const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    std::string file(const std::string& name) const { return ok() ? path_ + "/" + name : std::string(); }
 
 private:
     std::string path_;
 };
 
+/* Key material lives in these files: both create them with mode 0600 (and
+ * make a replaced file 0600 too), and refuse an empty path. */
 bool writeFile(const std::string& path, const std::string& contents);
 
 /* Points the key file, bootstrap key and log configuration of the module at
