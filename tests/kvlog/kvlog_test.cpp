@@ -7,6 +7,7 @@
 #include "registration.h"
 
 #include <gtest/gtest.h>
+#include <log4cxx/appenderskeleton.h>
 #include <log4cxx/helpers/bytebuffer.h>
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/level.h>
@@ -14,9 +15,13 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -145,6 +150,51 @@ TEST(KvlogMacros, DisabledLevelsFormatNothing)
     KVLOG_FATAL(kvlog::getChildLogger(l, "child"), "f" << count());
     EXPECT_EQ(evaluated, 4);
     EXPECT_EQ(helper.getAllLoggedMessages(), "INFO - i1\nWARN - w2\nERROR - e3\nFATAL - f4\n");
+}
+
+// The caller's own exceptions, thrown while its message is being built, are
+// the caller's business and reach it; only a failure of the logging call
+// itself (an appender that cannot write) is kept from the caller.
+struct Unprintable {};
+std::ostream& operator<<(std::ostream& os, const Unprintable&)
+{
+    throw std::logic_error("cannot print");
+    return os;
+}
+
+class ThrowingAppender : public log4cxx::AppenderSkeleton {
+public:
+    void append(const log4cxx::spi::LoggingEventPtr&, log4cxx::helpers::Pool&) override
+    {
+        throw std::runtime_error("disk full");
+    }
+    void close() override {}
+    bool requiresLayout() const override { return false; }
+};
+
+TEST(KvlogMacros, OnlyTheLoggingCallIsGuarded)
+{
+    kvlog::TestLogHelper helper("Macros_guard");
+    kvlog::LoggerPtr l = helper.getLogger();
+    l->setLevel(log4cxx::Level::getTrace());
+    const std::vector<int> v(3);
+    EXPECT_THROW(KVLOG_TRACE(l, "t" << v.at(3)), std::out_of_range);
+    EXPECT_THROW(KVLOG_DEBUG(l, "d" << v.at(3)), std::out_of_range);
+    EXPECT_THROW(KVLOG_INFO(l, "i" << v.at(3)), std::out_of_range);
+    EXPECT_THROW(KVLOG_WARN(l, "w" << Unprintable()), std::logic_error);
+    EXPECT_THROW(KVLOG_ERROR(l, "e" << Unprintable()), std::logic_error);
+    EXPECT_THROW(KVLOG_FATAL(l, "f" << v.at(3)), std::out_of_range);
+    EXPECT_EQ(helper.getAllLoggedMessages(), "");
+    // Nothing is evaluated, so nothing is thrown, for a disabled level.
+    l->setLevel(log4cxx::Level::getOff());
+    EXPECT_NO_THROW(KVLOG_ERROR(l, "e" << v.at(3)));
+
+    l->setLevel(log4cxx::Level::getTrace());
+    auto failing = std::make_shared<ThrowingAppender>();
+    l->addAppender(failing);
+    EXPECT_NO_THROW(KVLOG_INFO(l, "lost" << v.at(2)));
+    EXPECT_NO_THROW(KVLOG_TRACE(l, "lost"));
+    l->removeAppender(failing);
 }
 
 void tracedFunction(const kvlog::LoggerPtr& l)

@@ -138,26 +138,45 @@ private:
 
 } // namespace kvlog
 
+namespace kvlog {
+namespace detail {
+
+/* The logging call of the level macros. A record that cannot be written
+ * never reaches the caller as an exception: log4cxx 1.0 file appenders let
+ * I/O errors (a full disk, /dev/full) escape from the logging call, which
+ * would end a thread that merely logged. Only std::exception is caught, so
+ * thread cancellation still unwinds. */
+template <typename Text>
+inline void forcedLog(const LoggerPtr& logger, const log4cxx::LevelPtr& level, const Text& text,
+                      const log4cxx::spi::LocationInfo& location)
+{
+    try {
+        logger->forcedLog(level, text, location);
+    } catch (const std::exception&) {
+    }
+}
+
+} // namespace detail
+} // namespace kvlog
+
 /* One macro per level: thin wrappers over log4cxx's own, so a disabled level
- * costs one check and formats nothing. `message` is a stream expression.
- *
- * A record that cannot be written never reaches the caller as an exception:
- * log4cxx 1.0 file appenders let I/O errors (a full disk, /dev/full) escape
- * from the logging call, which would end a thread that merely logged. Only
- * std::exception is caught, so thread cancellation still unwinds. */
-#define KVLOG_GUARDED_(statement)                                                                                      \
+ * costs one check and formats nothing. `message` is a stream expression; it
+ * is built outside the guard, so an exception the caller's own expression
+ * throws (`v.at(3)`) reaches the caller. */
+#define KVLOG_LOG_(logger, enabledFor, level, message)                                                                \
     do {                                                                                                               \
-        try {                                                                                                          \
-            statement;                                                                                                 \
-        } catch (const std::exception&) {                                                                              \
+        if (::log4cxx::Logger::enabledFor(logger)) {                                                                   \
+            ::log4cxx::helpers::MessageBuffer kvlogBuffer_;                                                            \
+            ::kvlog::detail::forcedLog(logger, ::log4cxx::Level::level(), kvlogBuffer_.str(kvlogBuffer_ << message),   \
+                                       LOG4CXX_LOCATION);                                                              \
         }                                                                                                              \
     } while (0)
-#define KVLOG_TRACE(logger, message) KVLOG_GUARDED_(LOG4CXX_TRACE(logger, message))
-#define KVLOG_DEBUG(logger, message) KVLOG_GUARDED_(LOG4CXX_DEBUG(logger, message))
-#define KVLOG_INFO(logger, message) KVLOG_GUARDED_(LOG4CXX_INFO(logger, message))
-#define KVLOG_WARN(logger, message) KVLOG_GUARDED_(LOG4CXX_WARN(logger, message))
-#define KVLOG_ERROR(logger, message) KVLOG_GUARDED_(LOG4CXX_ERROR(logger, message))
-#define KVLOG_FATAL(logger, message) KVLOG_GUARDED_(LOG4CXX_FATAL(logger, message))
+#define KVLOG_TRACE(logger, message) KVLOG_LOG_(logger, isTraceEnabledFor, getTrace, message)
+#define KVLOG_DEBUG(logger, message) KVLOG_LOG_(logger, isDebugEnabledFor, getDebug, message)
+#define KVLOG_INFO(logger, message) KVLOG_LOG_(logger, isInfoEnabledFor, getInfo, message)
+#define KVLOG_WARN(logger, message) KVLOG_LOG_(logger, isWarnEnabledFor, getWarn, message)
+#define KVLOG_ERROR(logger, message) KVLOG_LOG_(logger, isErrorEnabledFor, getError, message)
+#define KVLOG_FATAL(logger, message) KVLOG_LOG_(logger, isFatalEnabledFor, getFatal, message)
 
 /* Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)
