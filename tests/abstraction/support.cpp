@@ -10,6 +10,7 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <system_error>
 
 #include <log4cxx/consoleappender.h>
 #include <log4cxx/level.h>
@@ -26,10 +27,64 @@ thread_local int tFailErr;
 thread_local int tFailTimes;
 }  // namespace
 
+/* Scratch directories. Every process of a test run makes its own under
+ * /tmp, and the first process of the run removes
+ * them all at exit, whatever the outcome. Death-test children (the binary
+ * run again for one statement) end without cleaning up, so the first process
+ * makes a directory of its own as it starts and passes its name down in the
+ * environment; every directory of the run is named after it:
+ * "kvos_test.<its suffix><suffix of their own>". */
+namespace {
+
+const char* const kOwnerVariable = "KVOS_TEST_SCRATCH_OWNER";
+
+const char* const kScratchBase = "/tmp";
+
+std::string gOwnedPrefix;  // in the first process: what the run's directories start with
+
+void removeOwnedDirectories()
+{
+    std::error_code ec;
+    std::vector<std::filesystem::path> owned;
+    for (std::filesystem::directory_iterator it(kScratchBase, ec), end; !ec && it != end; it.increment(ec)) {
+        if (it->path().filename().string().rfind(gOwnedPrefix, 0) == 0) {
+            owned.push_back(it->path());
+        }
+    }
+    for (const auto& p : owned) {
+        std::filesystem::remove_all(p, ec);
+    }
+}
+
+// Runs as the process starts.
+const bool gOwnerChosen = [] {
+    const char* owner = getenv(kOwnerVariable);
+    if (owner != nullptr && *owner != '\0') {
+        return false;  // a child: the first process cleans up
+    }
+    std::string tmpl = std::string(kScratchBase) + "/kvos_test.XXXXXX";
+    if (mkdtemp(&tmpl[0]) == nullptr) {
+        return false;
+    }
+    const std::string suffix = tmpl.substr(tmpl.size() - 6);
+    gOwnedPrefix = "kvos_test." + suffix;
+    setenv(kOwnerVariable, suffix.c_str(), 1);
+    atexit(removeOwnedDirectories);
+    return true;
+}();
+
+std::string makeScratchDirectory()
+{
+    const char* owner = getenv(kOwnerVariable);
+    std::string tmpl = std::string(kScratchBase) + "/kvos_test." + (owner != nullptr ? owner : "") + "XXXXXX";
+    return mkdtemp(&tmpl[0]) != nullptr ? tmpl : std::string();
+}
+
+}  // namespace
+
 std::string installPrivatePathMap()
 {
-    char tmpl[] = "/tmp/kvos_test.XXXXXX";
-    gDir = mkdtemp(tmpl);
+    gDir = makeScratchDirectory();
     _kv_path_map* map = KVOS_addPathMap(nullptr, PATH_TYPE_ZEL_CONFIG, (gDir + "/etc").c_str());
     map = KVOS_addPathMap(map, PATH_TYPE_PERM, (gDir + "/persistent").c_str());
     kvos_set_path_map(KVOS_addPathMap(map, PATH_TYPE_TMP, gDir.c_str()));

@@ -5,6 +5,7 @@
 #include "kvlog/kvlog_assert.h"
 #include "platform/linux_logger.h"
 #include "registration.h"
+#include "scratch_root.h"
 
 #include <gtest/gtest.h>
 #include <log4cxx/appenderskeleton.h>
@@ -35,17 +36,18 @@ class KvlogTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/kvlog-test-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root = tmpl;
+        scratch = std::make_unique<kvlogtest::ScratchRoot>("kvlog-test");
+        ASSERT_TRUE(scratch->ok());
+        root = scratch->path();
         dir = root + "/registration/";
         kvlog::detail::setRegistrationPath(dir);
     }
     void TearDown() override
     {
         kvlog::detail::setRegistrationPath(kvlog::LOGGER_REGISTRATION_PATH);
-        ASSERT_EQ(std::system(("rm -rf " + root).c_str()), 0);
+        scratch.reset();
     }
+    std::unique_ptr<kvlogtest::ScratchRoot> scratch;
     std::string root, dir;
 };
 
