@@ -12,6 +12,7 @@
 
 #include "kvlog/debug_appender.h"
 #include "kvlog/kvlog_assert.h"
+#include "no_appender_warning.h"
 #include "registration.h"
 
 #include <log4cxx/helpers/loglog.h>
@@ -102,11 +103,14 @@ LoggerPtr prependModuleNameWithHierarchyName(const std::string& moduleName, cons
     return getLogger(name);
 }
 
-// Records logged before the controller configures log4cxx reach no
-// appender and are dropped. log4cxx would say so once on stderr ("No appender
-// could be found ..."); that warning is used up silently the first time a
-// logger is handed out, so ordinary start-up prints nothing.
-void silenceNoAppenderWarningOnce()
+bool startsWith(const std::string& s, const char* prefix)
+{
+    return s.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+} // namespace
+
+void detail::silenceNoAppenderWarning()
 {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -116,18 +120,11 @@ void silenceNoAppenderWarningOnce()
     });
 }
 
-bool startsWith(const std::string& s, const char* prefix)
-{
-    return s.compare(0, std::strlen(prefix), prefix) == 0;
-}
-
-} // namespace
-
 LoggerPtr getLogger(const std::string& modulename)
 {
     BOOST_ASSERT_MSG(modulename.size() < MAX_MODULE_NAME_LENGTH, "Module name is too long");
     registerModuleName(modulename);
-    silenceNoAppenderWarningOnce();
+    detail::silenceNoAppenderWarning();
     return log4cxx::Logger::getLogger(modulename);
 }
 

@@ -5,6 +5,7 @@
 #include "kvlog/kvlog.h"
 #include "kvlog/kvlog_control.h"
 #include "registration.h"
+#include "scratch_root.h"
 
 #include "abstraction/kvos.h"
 
@@ -520,6 +521,54 @@ TEST(ControlDeathTest, EntryPointAssertions)
         },
         "kvlog::kvlogController==0");
     EXPECT_DEATH(initKVLog("kvlogtest", "/dev/null"), "no path for the kvlog configuration file");
+}
+
+// log4cxx's "No appender could be found" warning would reach stderr for the
+// first record that no appender takes (the root and "unittest" loggers have
+// none under the built-in properties). It is never printed, whether the
+// controller or a logger factory comes first in a fresh process; plain
+// log4cxx use shows the warning that is being kept away.
+TEST(ControlDeathTest, NoAppenderWarningInEitherStartOrder)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // every child a fresh process
+    kvlogtest::ScratchRoot scratch("kvlog-control");
+    ASSERT_TRUE(scratch.ok());
+    kvlog::detail::setRegistrationPath(scratch.path() + "/registration/");
+    kvos_set_path_map(KVOS_addPathMap(nullptr, PATH_TYPE_ZEL_CONFIG, "/nonexistent/kvlog-death-test"));
+    auto logEverywhere = [] {
+        log4cxx::Logger::getRootLogger()->info("to no appender");
+        KVLOG_INFO(kvlog::getUnitTestLogger("nobody"), "to no appender");
+        KVLOG_INFO(kvlog::getDeveloperLogger("somebody"), "to /dev/null");
+    };
+    EXPECT_EXIT(
+        {
+            initKVLog("kvlogtest", "/dev/null");
+            logEverywhere();
+            shutdownKVLog();
+            std::fputs("done\n", stderr);
+            std::_Exit(0);
+        },
+        testing::ExitedWithCode(0), "^done\n$");
+    EXPECT_EXIT(
+        {
+            KVLOG_INFO(kvlog::getUnitTestLogger("first"), "before any configuration");
+            initKVLog("kvlogtest", "/dev/null");
+            logEverywhere();
+            shutdownKVLog();
+            std::fputs("done\n", stderr);
+            std::_Exit(0);
+        },
+        testing::ExitedWithCode(0), "^done\n$");
+    EXPECT_EXIT(
+        {
+            log4cxx::Logger::getLogger("plain")->info("to no appender");
+            std::_Exit(0);
+        },
+        testing::ExitedWithCode(0), "log4cxx: No appender could be found for logger \\(plain\\)");
+    kvlog::detail::setRegistrationPath(kvlog::LOGGER_REGISTRATION_PATH);
+    _kv_path_map* map = kvos_get_path_map();
+    kvos_set_path_map(nullptr);
+    kvos_free_path_map(map);
 }
 
 } // namespace

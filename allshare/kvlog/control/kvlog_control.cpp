@@ -13,16 +13,17 @@
  *  - The built-in properties leave the root and "unittest" loggers without
  *    appenders on purpose. log4cxx would print one "No appender could be
  *    found" warning on stderr for the first record that reaches no appender;
- *    the controller uses that one warning up silently while it configures.
+ *    that one warning is used up silently (no_appender_warning.h) before the
+ *    controller configures.
  */
 #include "kvlog/kvlog_control.h"
+#include "no_appender_warning.h"
 
 #include "abstraction/kvos.h"
 #include "abstraction/kvos_mutex.h"
 #include "abstraction/kvos_task.h"
 
 #include <log4cxx/file.h>
-#include <log4cxx/helpers/loglog.h>
 #include <log4cxx/helpers/properties.h>
 #include <log4cxx/logmanager.h>
 #include <log4cxx/propertyconfigurator.h>
@@ -76,15 +77,6 @@ std::string errorText(int err)
     return std::strerror(err);
 }
 
-// Uses up log4cxx's once-per-process "No appender could be found" warning
-// without printing it.
-void silenceNoAppenderWarning(const log4cxx::spi::LoggerRepositoryPtr& repo, const log4cxx::LoggerPtr& root)
-{
-    log4cxx::helpers::LogLog::setQuietMode(true);
-    repo->emitNoAppenderWarning(root.get());
-    log4cxx::helpers::LogLog::setQuietMode(false);
-}
-
 class MutexLock {
 public:
     MutexLock() { KVOS_mutexLock(&kvlogmutex); }
@@ -130,7 +122,7 @@ kvlog_control::kvlog_control(const char* ident, const char* logFile)
     }
     removeDeprecatedKVLogConfFile();
 
-    silenceNoAppenderWarning(log4cxx::LogManager::getLoggerRepository(), log4cxx::Logger::getRootLogger());
+    detail::silenceNoAppenderWarning();
     if (logFile == nullptr) {
         const std::string path = ensureValidLogFile();
         log4cxx::PropertyConfigurator::configure(log4cxx::File(path));
