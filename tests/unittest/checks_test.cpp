@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
+#include <set>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -154,6 +158,80 @@ TEST(UnittestLog, PrintsAtOrBelowTheCurrentMode)
         } else {
             EXPECT_TRUE(lines.empty());
         }
+    }
+}
+
+// A time zone for the scope, given as a POSIX rule (no zone files needed).
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* rule)
+    {
+        const char* old = std::getenv("TZ");
+        had_ = old != nullptr;
+        old_ = had_ ? old : "";
+        setenv("TZ", rule, 1);
+        tzset();
+    }
+    ~ScopedTimeZone()
+    {
+        if (had_) {
+            setenv("TZ", old_.c_str(), 1);
+        } else {
+            unsetenv("TZ");
+        }
+        tzset();
+    }
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+private:
+    bool had_;
+    std::string old_;
+};
+
+std::string stampOf(time_t t, bool local)
+{
+    struct tm tm;
+    char buf[32];
+    if (local) {
+        localtime_r(&t, &tm);
+    } else {
+        gmtime_r(&t, &tm);
+    }
+    std::strftime(buf, sizeof buf, "%F %T", &tm);
+    return buf;
+}
+
+// Lines carry the local time, not UTC: checked in zones on both sides of
+// UTC, where the two differ by hours.
+TEST(UnittestPrinter, LinesCarryTheLocalTime)
+{
+    for (const char* rule : {"KVT-5:30", "KVT+9"}) {
+        ScopedTimeZone zone(rule);
+        unittest_init("U", UNITTEST_MODE_VERBOSE);
+        unittest_context("T");
+        const time_t before = std::time(nullptr);
+        testing::internal::CaptureStderr();
+        unittest_assert_("f", 1, "x", 1);
+        unittest_log(UNITTEST_MODE_SUMMARY, "note");
+        const std::string out = testing::internal::GetCapturedStderr();
+        const time_t after = std::time(nullptr);
+        std::set<std::string> local, utc;
+        for (time_t t = before; t <= after; ++t) {
+            local.insert(stampOf(t, true));
+            utc.insert(stampOf(t, false));
+        }
+        std::istringstream in(out);
+        std::string line;
+        int lines = 0;
+        while (std::getline(in, line)) {
+            ++lines;
+            ASSERT_GE(line.size(), 20u) << line;
+            EXPECT_EQ(local.count(line.substr(0, 19)), 1u) << rule << ": " << line;
+            EXPECT_EQ(utc.count(line.substr(0, 19)), 0u) << rule << ": " << line;
+            EXPECT_EQ(line[19], ' ');
+        }
+        EXPECT_EQ(lines, 2) << out;
     }
 }
 

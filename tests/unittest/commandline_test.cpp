@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -136,6 +137,33 @@ TEST(UnittestCommandline, FragmentStandsInForTheExitOption)
     EXPECT_EQ(stampedLines(r.out), (std::vector<std::string>{"Error: Invalid unittest name or no tests available"}));
 }
 
+// The fragment is consumed: an option given as the fragment acts only as the
+// fragment (and as the exit option, which it stands in for), never again as
+// the next argument.
+TEST(UnittestCommandline, RununittestConsumesItsFragment)
+{
+    const std::string noUnits = "Error: Invalid unittest name or no tests available";
+    struct Row {
+        const char* args;
+        std::vector<std::string> lines;
+    } rows[] = {
+        {"--rununittest --runallunittests", {noUnits}},
+        {"--rununittest --listunittest", {noUnits}},
+        // --slowtests, consumed, does not keep probe_target (target only) from running
+        {"--rununittest --slowtests --rununittest probe_target",
+         {noUnits, "probe_target OK (1 tests)", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"}},
+        {"--rununittest --rununittest probe_wip", {noUnits}},
+        {"--rununittest --verboseunittest --verboseunittest --verboseunittest --rununittest probe_pass",
+         {noUnits, "probe_pass/t/1 OK ", "probe_pass/t/2 OK ", "probe_pass OK (2 tests)",
+          "UNITTEST OK (1 units, 2 tests, 0 work in progress, 0 errors)"}},
+    };
+    for (const Row& r : rows) {
+        Result res = probe(r.args);
+        EXPECT_EQ(res.status, 0) << r.args;
+        EXPECT_EQ(stampedLines(res.out), r.lines) << r.args;
+    }
+}
+
 TEST(UnittestCommandline, ExitEndsTheProcessAtOnce)
 {
     Result r = probe("--rununittest probe_failOnce --exitunittests --runallunittests");
@@ -153,6 +181,29 @@ TEST(UnittestCommandline, HelpAndNoArguments)
     r = probe("");
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "");
+}
+
+// Every unit the product registers, by name. The registered set must be
+// exactly this one: a unit missing from the product is as wrong as one that
+// nobody listed here.
+const std::set<std::string> kProductUnits = {
+    "unittest_dlist", "unittest_kvlog", "unittest_kvos_ptrq", "unittest_mutex", "unittest_strutil", "unittest_utf8",
+};
+
+TEST(PlatformUnittests, RegistersExactlyTheProductUnits)
+{
+    Result list = run(KV_PLATFORM_UNITTESTS_PATH, "--listunittest");
+    std::vector<std::string> lines = stampedLines(list.out);
+    ASSERT_GE(lines.size(), 2u) << list.out;
+    EXPECT_EQ(lines.front(), "Available tests:");
+    EXPECT_EQ(lines.back(), "Number of tests: " + std::to_string(lines.size() - 2));
+    const std::set<std::string> registered(lines.begin() + 1, lines.end() - 1);
+    for (const std::string& name : kProductUnits) {
+        EXPECT_EQ(registered.count(name), 1u) << "not registered: " << name;
+    }
+    for (const std::string& name : registered) {
+        EXPECT_EQ(kProductUnits.count(name), 1u) << "registered but not a product unit: " << name;
+    }
 }
 
 TEST(PlatformUnittests, EveryRegisteredUnitPasses)

@@ -192,7 +192,8 @@ TEST_F(TestSuiteTest, FreeDestroysEveryTestThroughItsVirtualDestructor)
 
 TEST_F(TestSuiteTest, FailingSuiteMakesItsRunnerUnitFail)
 {
-    static int unitRuns = 0;
+    static int unitRuns;
+    unitRuns = 0;
     unittest_register_test("unittest_testsuite_probe_failing", [] {
         ++unitRuns;
         Scripted bad({false});
