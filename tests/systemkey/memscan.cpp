@@ -29,13 +29,21 @@ size_t Needle::findIn(const unsigned char* p, size_t n) const
     if (m == 0 || n < m) {
         return n;
     }
-    for (size_t i = 0; i + m <= n; ++i) {
-        size_t j = 0;
-        while (j < m && static_cast<unsigned char>(p[i + j] ^ kMask) == masked_[j]) {
+    // Candidates by their first byte (one byte of the secret in a register
+    // is no copy in memory), then the rest compared masked.
+    const int first = masked_[0] ^ kMask;
+    for (const unsigned char* c = p; (c = static_cast<const unsigned char*>(
+                                          std::memchr(c, first, static_cast<size_t>(p + n - m + 1 - c)))) != nullptr;
+         ++c) {
+        size_t j = 1;
+        while (j < m && static_cast<unsigned char>(c[j] ^ kMask) == masked_[j]) {
             ++j;
         }
         if (j == m) {
-            return i;
+            return static_cast<size_t>(c - p);
+        }
+        if (c == p + n - m) {
+            break;
         }
     }
     return n;
