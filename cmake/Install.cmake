@@ -7,22 +7,20 @@
 #
 # Headers are collected from the include directory of every subsystem that
 # kvplatform links, so a new subsystem is installed without touching this
-# file. Self-test units (their own include directories) and test seams
-# (*_seams.h) are not part of the installed interface.
+# file. Self-test units (their own include directories), test seams
+# (*_seams.h) and the crypto module's internal steps are not part of the
+# installed interface, and the shared library does not export them.
 include(CMakePackageConfigHelpers)
 
 set(KV_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kvplatform)
 set(KV_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kvplatform)
 
-foreach(t ${KV_SUBSYSTEMS})
-  if(t MATCHES "_units$")
-    continue()
-  endif()
+foreach(t ${KV_LIBRARY_PARTS})
   get_target_property(dirs ${t} INTERFACE_INCLUDE_DIRECTORIES)
   foreach(d ${dirs})
     if(IS_DIRECTORY "${d}")
       install(DIRECTORY "${d}/" DESTINATION ${KV_INSTALL_INCLUDEDIR} COMPONENT devel
-              FILES_MATCHING PATTERN "*.h" PATTERN "*_seams.h" EXCLUDE)
+              FILES_MATCHING PATTERN "*.h" PATTERN "*_seams.h" EXCLUDE PATTERN "crypto_steps.h" EXCLUDE)
     endif()
   endforeach()
 endforeach()

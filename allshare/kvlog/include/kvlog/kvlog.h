@@ -26,6 +26,8 @@
 #include <memory>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace kvlog {
 
 using LoggerPtr = log4cxx::LoggerPtr;
@@ -162,4 +164,5 @@ private:
 /* Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)
 
+#pragma GCC visibility pop
 #endif

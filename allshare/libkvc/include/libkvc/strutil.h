@@ -11,6 +11,8 @@
 
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -56,4 +58,5 @@ int cstring_StringToULong(const char* str, uint64_t* pResult);
 }
 #endif
 
+#pragma GCC visibility pop
 #endif
