@@ -15,6 +15,7 @@
 
 #include "libkvc/timeval.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -240,9 +241,22 @@ void unittest_register_test(const char* name, unittest_func func, UNITTEST_TYPE 
     }
 }
 
+namespace {
+// Constant-initialised, so a product may install itself from a static
+// initialiser in any order.
+std::atomic<unittest_func> productRegistration{nullptr};
+} // namespace
+
+void unittest_set_product_registration(unittest_func registration)
+{
+    productRegistration.store(registration);
+}
+
 void unittest_register_tests(void)
 {
-    product_unittest_register_tests();
+    if (unittest_func registration = productRegistration.load()) {
+        registration();
+    }
 }
 
 void unittest_list(FILE* stream)

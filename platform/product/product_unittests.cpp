@@ -1,6 +1,8 @@
 /*
  * The product's self-test units. Registration order does not matter: the
- * registry sorts names ignoring case.
+ * registry sorts names ignoring case. The registration installs itself with
+ * the runner when this object is loaded, so the runner needs no reference to
+ * the product.
  */
 #include "abstraction/unittests.h"
 #include "kvlog/unittests.h"
@@ -16,3 +18,7 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_kvos_ptrq", unittest_kvos_ptrq, UNITTEST_TYPE_FAST);
 }
+
+namespace {
+[[maybe_unused]] const bool installed = (unittest_set_product_registration(product_unittest_register_tests), true);
+} // namespace

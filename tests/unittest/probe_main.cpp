@@ -66,5 +66,6 @@ void product_unittest_register_tests(void)
 
 int main(int argc, char** argv)
 {
+    unittest_set_product_registration(product_unittest_register_tests);
     return unittest_commandline(argc, argv);
 }

@@ -19,6 +19,8 @@
 
 #include "abstraction/kvos_task.h"
 
+#pragma GCC visibility push(default)
+
 namespace DBus {
 class BusDispatcher;
 }
@@ -51,4 +53,5 @@ private:
     std::unique_ptr<Loop> loop_;
 };
 
+#pragma GCC visibility pop
 #endif

@@ -11,6 +11,8 @@
 
 #include "libkvc/timeval.h"
 
+#pragma GCC visibility push(default)
+
 /* The monotonic clock as seconds and microseconds; returns tv. */
 TIMEVAL* KVMISC_now(TIMEVAL* tv);
 /* The monotonic clock in microseconds. */
@@ -21,4 +23,5 @@ uint64_t KVMISC_now64(void);
  * (errno tells why; "Unable to create directory" is logged). */
 int mkdirp(const char* path);
 
+#pragma GCC visibility pop
 #endif

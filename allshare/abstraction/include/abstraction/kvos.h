@@ -28,6 +28,8 @@
 #include "libkvc/kvtypes.h"
 #include "libkvc/timeval.h"
 
+#pragma GCC visibility push(default)
+
 typedef enum KV_PATH_TYPE {
     PATH_TYPE_TMP = 0,
     PATH_TYPE_PERM,
@@ -145,4 +147,5 @@ std::string kvos_linux_strerror(int64_t err);
 /* Thread-specific key for the FSM layer's per-task process data. */
 unsigned KVOS_getProcdataKey(void);
 
+#pragma GCC visibility pop
 #endif

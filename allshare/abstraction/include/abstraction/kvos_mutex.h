@@ -21,6 +21,8 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
+
 typedef struct KVOS_MUTEX {
     void* opaque_mutex;
 } KVOS_MUTEX;
@@ -48,4 +50,5 @@ int KVOS_mutexCount(void);
 int KVOS_lockQuick(void);
 void KVOS_unlockQuick(int key);
 
+#pragma GCC visibility pop
 #endif

@@ -32,6 +32,8 @@
 
 #include "libkvc/kvtypes.h"
 
+#pragma GCC visibility push(default)
+
 typedef struct ptrqueue_t {
     char* name;
     uint32_t length;
@@ -82,4 +84,5 @@ void KVOS_ptrqDump(KVOS_PTRQ_OUT_FUNC out, int arg);
  * registry's owner and by tests). */
 int kvos_ptrq_registry_slot(const ptrqueue_t* q);
 
+#pragma GCC visibility pop
 #endif

@@ -22,6 +22,8 @@
 
 #include "libkvc/kvtypes.h"
 
+#pragma GCC visibility push(default)
+
 typedef struct KVOS_SEMAPHORE {
     void* opaque_semaphore;
 } KVOS_SEMAPHORE;
@@ -41,4 +43,5 @@ int KVOS_semaphoreCount(void);
 /* Handles of the first `max` list entries, oldest first; returns how many. */
 int KVOS_semaphoreList(KVOS_SEMAPHORE* out, int max);
 
+#pragma GCC visibility pop
 #endif

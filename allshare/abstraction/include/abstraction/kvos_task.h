@@ -32,6 +32,8 @@
 
 #include <ostream>
 
+#pragma GCC visibility push(default)
+
 typedef uint32_t KVOS_TASK_PRI;
 typedef pthread_t KVOS_TASK_ID;
 #define KVOS_NO_TASK_ID ((KVOS_TASK_ID)-1)
@@ -108,6 +110,14 @@ void kvos_task_init(void);
 void KVOS_taskDump(std::ostream& os);
 void KVOS_taskDump(KVOS_TASK_OUT_FUNC out, int arg);
 void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
+
+#pragma GCC visibility pop
+
+/*
+ * The task list and the stack allocator behind the calls above. They are for
+ * the library's own use and its tests, and are not exported from the shared
+ * library.
+ */
 
 /* Task list. registerTask takes over `name` (a heap copy). */
 void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize,

@@ -19,6 +19,8 @@
 #include <sstream>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace kvlog {
 
 namespace helpers = log4cxx::helpers;
@@ -96,4 +98,5 @@ private:
 
 } // namespace kvlog
 
+#pragma GCC visibility pop
 #endif

@@ -26,6 +26,8 @@
 #include <memory>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace kvlog {
 
 using LoggerPtr = log4cxx::LoggerPtr;
@@ -181,4 +183,5 @@ inline void forcedLog(const LoggerPtr& logger, const log4cxx::LevelPtr& level, c
 /* Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)
 
+#pragma GCC visibility pop
 #endif

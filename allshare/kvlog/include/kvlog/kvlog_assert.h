@@ -19,4 +19,7 @@
 
 #include <boost/assert.hpp>
 
+#pragma GCC visibility push(default)
+
+#pragma GCC visibility pop
 #endif

@@ -39,6 +39,8 @@
 #include <ostream>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace kvlog {
 
 typedef boost::optional<bool> bool_opt_t;
@@ -80,4 +82,5 @@ std::string hexDumpToString(const unsigned char* data, uint32_t length);
 
 } // namespace kvlog
 
+#pragma GCC visibility pop
 #endif

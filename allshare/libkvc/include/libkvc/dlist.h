@@ -21,6 +21,8 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -103,4 +105,5 @@ int DList_compareItems(const DList* pDList, const void* pElem1, const void* pEle
 }
 #endif
 
+#pragma GCC visibility pop
 #endif

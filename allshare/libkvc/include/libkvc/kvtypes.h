@@ -11,6 +11,8 @@
 
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
+
 typedef int32_t KV_RET;
 
 #define KV_RET_OK      ((KV_RET)0)
@@ -19,4 +21,5 @@ typedef int32_t KV_RET;
 
 #define KV_RET_IS_OK(r) ((r) >= 0)
 
+#pragma GCC visibility pop
 #endif

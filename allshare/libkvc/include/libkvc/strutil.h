@@ -11,6 +11,8 @@
 
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -57,4 +59,5 @@ int cstring_StringToULong(const char* str, uint64_t* pResult);
 }
 #endif
 
+#pragma GCC visibility pop
 #endif

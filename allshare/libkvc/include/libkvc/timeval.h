@@ -12,6 +12,8 @@
 
 #ifdef __cplusplus
 #include <string>
+
+#pragma GCC visibility push(default)
 extern "C" {
 #endif
 
@@ -42,4 +44,5 @@ std::string timestamp_UTC_now();
 std::string timestamp_local_now();
 #endif
 
+#pragma GCC visibility pop
 #endif

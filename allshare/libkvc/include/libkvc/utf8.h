@@ -9,6 +9,8 @@
 #ifndef LIBKVC_UTF8_H
 #define LIBKVC_UTF8_H
 
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -28,4 +30,5 @@ int kvclib_utf8strncasecmp(const char* a, const char* b, unsigned int n);
 }
 #endif
 
+#pragma GCC visibility pop
 #endif

@@ -23,6 +23,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#pragma GCC visibility push(default)
+
 /* Output verbosity; a larger value prints more. */
 typedef enum UNITTEST_MODE {
     UNITTEST_MODE_SUMMARY = 1,
@@ -78,9 +80,15 @@ uint32_t unittest_step(void);
 /* Registry. Names are unique ignoring case (the first registration wins) and
  * are kept to 63 characters. Records live until the process ends. */
 void unittest_register_test(const char* name, unittest_func func, UNITTEST_TYPE type);
-/* Fills the registry through product_unittest_register_tests. */
+/* Fills the registry through the product's registration function, when a
+ * product has installed one; otherwise registers nothing. */
 void unittest_register_tests(void);
-/* Supplied by the product: registers its units. */
+/* Installs the function that registers the product's units (the runner never
+ * calls into the product by name, so it links without one). A later call
+ * replaces the earlier; null removes it. */
+void unittest_set_product_registration(unittest_func registration);
+/* The product's registration function: registers its units. A product
+ * defines it and installs it with unittest_set_product_registration. */
 void product_unittest_register_tests(void);
 
 /* Prints "Available tests:", the names in case-insensitive order and
@@ -109,4 +117,5 @@ bool unittest_runAll(FILE* stream, UNITTEST_MODE mode, UNITTEST_TYPE type, uint3
  * arguments are ignored. Always returns 0; results are only printed. */
 int unittest_commandline(int argc, char** argv);
 
+#pragma GCC visibility pop
 #endif

@@ -13,6 +13,8 @@
 
 #include <cstdint>
 
+#pragma GCC visibility push(default)
+
 /* (length + 2) / 3 * 4 + 1: the encoded length plus a terminating zero. */
 int calcRequiredBase64EncodeBufferSize(uint64_t length);
 /* (length + 3) / 4 * 3: the most bytes `length` characters decode to. */
@@ -33,4 +35,5 @@ __attribute__((warn_unused_result)) int base64Encode(const unsigned char* in, in
 __attribute__((warn_unused_result)) int base64Decode(const char* in, int inLen,
                                                      unsigned char* out, int outCap);
 
+#pragma GCC visibility pop
 #endif

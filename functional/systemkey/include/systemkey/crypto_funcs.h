@@ -30,6 +30,8 @@
 #include <cstddef>
 #include <openssl/types.h>
 
+#pragma GCC visibility push(default)
+
 #define SYSTEMKEY_MUST_CHECK __attribute__((warn_unused_result))
 
 /* Encrypts `in` with the active key of the key file into the current form
@@ -111,4 +113,5 @@ RSA* getBootstrapPrivate(CRYPT_DATA* cd);
 SYSTEMKEY_MUST_CHECK bool encryptKeyWithPublicKey(const char* keyId, RSA* pub, char* out,
                                                   int outCap);
 
+#pragma GCC visibility pop
 #endif

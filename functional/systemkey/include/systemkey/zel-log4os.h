@@ -27,6 +27,8 @@
 
 #include <cstdarg>
 
+#pragma GCC visibility push(default)
+
 #define ZEL_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
 
 /* Logs one message (see the contracts above). */
@@ -40,4 +42,5 @@ char* zel_logmessage(const char* module, int priority, const char* format, ...) 
 char* zel_vlogmessage(const char* module, int priority, const char* format, va_list args)
     ZEL_PRINTF(3, 0);
 
+#pragma GCC visibility pop
 #endif

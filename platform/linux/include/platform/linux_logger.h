@@ -7,9 +7,12 @@
 
 #include "kvlog/kvlog.h"
 
+#pragma GCC visibility push(default)
+
 /* "developer.abstraction" */
 kvlog::LoggerPtr getLinuxAbstractionLogger();
 /* "developer.platform" */
 kvlog::LoggerPtr getLinuxPlatformLogger();
 
+#pragma GCC visibility pop
 #endif

@@ -17,6 +17,8 @@
 
 #include "semaphore/CountingSemaphoreException.h"
 
+#pragma GCC visibility push(default)
+
 class CountingSemaphore {
 public:
     /* Throws for "sem_init" (for example more than SEM_VALUE_MAX tokens). */
@@ -40,4 +42,5 @@ private:
 /* Writes getValue() in decimal. */
 std::ostream& operator<<(std::ostream& os, const CountingSemaphore& s);
 
+#pragma GCC visibility pop
 #endif

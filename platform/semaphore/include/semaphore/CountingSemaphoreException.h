@@ -8,6 +8,8 @@
 #include <exception>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 class CountingSemaphoreException : public std::exception {
 public:
     CountingSemaphoreException(const std::string& call, int err);
@@ -17,4 +19,5 @@ private:
     std::string mMessage;
 };
 
+#pragma GCC visibility pop
 #endif

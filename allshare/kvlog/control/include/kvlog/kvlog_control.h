@@ -36,6 +36,8 @@
 #include <ostream>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace kvlog {
 
 typedef std::map<std::string, eKVLogLevel> ModuleLevelMap_t;
@@ -154,4 +156,5 @@ void shutdownKVLog(void);
 void kvlogConfigFileMonitorThreadEntry(void* kvlogController);
 }
 
+#pragma GCC visibility pop
 #endif

@@ -14,6 +14,8 @@
 
 #include <cstdint>
 
+#pragma GCC visibility push(default)
+
 class ITest {
 public:
     ITest() = default;
@@ -52,4 +54,5 @@ protected:
 /* Check inside an ITest member: ITEST_CHECK(a == b). */
 #define ITEST_CHECK(expr) doTest((expr) ? true : false, #expr, __FILE__, __LINE__)
 
+#pragma GCC visibility pop
 #endif

@@ -18,6 +18,8 @@
 #include <cstdint>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 class TestSuite {
 public:
     static constexpr size_t MAX_STRING_SIZE = 100;
@@ -49,4 +51,5 @@ private:
     std::vector<ITest*> mTestsVec;
 };
 
+#pragma GCC visibility pop
 #endif
