@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * DBusThread: the process's D-Bus dispatcher, run on a KVOS task of its own
  * ("DBus dispatcher") so that proxies and adaptors anywhere in the process
  * are served without an application main loop. KVOS_init starts it last.
@@ -30,12 +31,12 @@ public:
     static DBusThread& instance();
     ~DBusThread();
 
-    /* Starts the "DBus dispatcher" task; asserts "!task_id_". */
+    /** Starts the "DBus dispatcher" task; asserts "!task_id_". */
     void start();
-    /* Leaves the loop once it runs and waits for the task's entry to
+    /** Leaves the loop once it runs and waits for the task's entry to
      * return; nothing when not started. Never throws. */
     void stop();
-    /* Entry of the task: runs the dispatcher's loop until it is left. */
+    /** Entry of the task: runs the dispatcher's loop until it is left. */
     static void main(void* self);
 
     KVOS_TASK_ID taskId() const;

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * KVOS: the operating-system abstraction, process-wide part.
  *
  * KVOS_init runs once per process, on the main thread, before any task is
@@ -46,18 +47,18 @@ typedef enum KV_PATH_TYPE {
     PATH_TYPE_FONTS,
     PATH_TYPE_EMUL_IMAGES,
     PATH_TYPE_MENU_USER_FILES,
-    PATH_TYPE_ROOT, /* 15 */
+    PATH_TYPE_ROOT, /**< 15 */
     PATH_TYPE_CONF_IMAGES,
     PATH_TYPE_SNAPSHOTS,
     PATH_TYPE_POSTER_IMAGES,
     PATH_TYPE_USER_POSTERS,
     PATH_TYPE_SOUND_CLIPS,
     PATH_TYPE_USER_SOUNDS,
-    PATH_TYPE_ETC, /* 22 */
+    PATH_TYPE_ETC, /**< 22 */
     PATH_TYPE_CRASH_FILES,
     PATH_TYPE_ROOT_CONFIG,
     PATH_TYPE_CRASH_TMP,
-    PATH_TYPE_ZEL_CONFIG /* 26 */
+    PATH_TYPE_ZEL_CONFIG /**< 26 */
 } KV_PATH_TYPE;
 
 #define KV_PATH_MAX 512
@@ -78,7 +79,7 @@ typedef struct _kvos_cfg {
     uint32_t kvos_task_stacksegment;
 } _kvos_cfg;
 
-/* KVOS_ERR_ORIGIN_UNKNOWN is 0, the same value as KVOS_ERR_ORIGIN_LINUX:
+/** KVOS_ERR_ORIGIN_UNKNOWN is 0, the same value as KVOS_ERR_ORIGIN_LINUX:
  * existing callers compare against either name, so it stays that way. */
 typedef enum KVOS_ERR_ORIGIN {
     KVOS_ERR_ORIGIN_LINUX = 0,
@@ -94,57 +95,57 @@ typedef enum KVOS_ERR_ORIGIN {
     KVOS_ERR_ORIGIN_UNKNOWN = 0
 } KVOS_ERR_ORIGIN;
 
-/* Turns an error number of one origin into text. */
+/** Turns an error number of one origin into text. */
 typedef std::string (*KVOS_ERRNO_TEXT_FUNC)(int64_t err);
 
-/* Process set-up and tear-down. */
+/** Process set-up and tear-down. */
 void KVOS_init(void);
 int KVOS_cleanup(void);
-/* True once KVOS_init has finished its clock step. */
+/** True once KVOS_init has finished its clock step. */
 bool KVOS_isInited(void);
 
-/* Configuration and path map. */
+/** Configuration and path map. */
 void KVOS_cfgInit(_kvos_cfg* cfg);
-/* Null: nothing. Otherwise installs cfg->tc_path_map and creates, with
+/** Null: nothing. Otherwise installs cfg->tc_path_map and creates, with
  * mkdirp, the directory of every entry in list order. */
 void KVOS_initPath(_kvos_cfg* cfg);
-/* New head entry (path cut to 511 characters) in front of `head`. */
+/** New head entry (path cut to 511 characters) in front of `head`. */
 _kv_path_map* KVOS_addPathMap(_kv_path_map* head, KV_PATH_TYPE type, const char* path);
 _kv_path_map* kvos_get_path_map(void);
 void kvos_set_path_map(_kv_path_map* head);
-/* The product's built-in map, built once and never released. */
+/** The product's built-in map, built once and never released. */
 _kv_path_map* kvos_default_path_map(void);
-/* Releases every entry of a map built with KVOS_addPathMap. */
+/** Releases every entry of a map built with KVOS_addPathMap. */
 void kvos_free_path_map(_kv_path_map* head);
-/* "<dir of type>/<name>" in buf; null when there is no map, no entry of
+/** "<dir of type>/<name>" in buf; null when there is no map, no entry of
  * that type, or the text does not fit in `size` bytes. */
 char* KVOS_getPath(char* buf, size_t size, const char* name, KV_PATH_TYPE type);
 char* KV_getPath(char* buf, int size, const char* name, KV_PATH_TYPE type);
 
-/* Tick clock: 100 ticks per second since KVOS_init; 0 (and an error log)
+/** Tick clock: 100 ticks per second since KVOS_init; 0 (and an error log)
  * before it. Differences are unsigned 32-bit, correct across the wrap. */
 unsigned KVOS_ticksCurrent(void);
 unsigned KVOS_ticksDiff(unsigned from, unsigned to);
 unsigned KVOS_ticksElapsed(unsigned since);
 
-/* One relative sleep on the monotonic clock; the system's result (an
+/** One relative sleep on the monotonic clock; the system's result (an
  * interrupted sleep is not resumed). */
 int KVOS_sleep(unsigned s);
 int KVOS_msleep(unsigned ms);
 int KVOS_usleep(unsigned us);
 int KVOS_nanosleep(unsigned ns);
 
-/* Per-thread error record. The origin is not stored. */
+/** Per-thread error record. The origin is not stored. */
 void KVOS_setErrno(long err, KVOS_ERR_ORIGIN origin);
 long KVOS_getErrno(void);
 KVOS_ERR_ORIGIN KVOS_getErrnoOrigin(void);
 void KVOS_registerErrnoHandler(KVOS_ERR_ORIGIN origin, KVOS_ERRNO_TEXT_FUNC fn);
-/* Text of the calling thread's errno, or "Unclaimed error". */
+/** Text of the calling thread's errno, or "Unclaimed error". */
 std::string KVOS_lastError(void);
-/* The system's text for err. */
+/** The system's text for err. */
 std::string kvos_linux_strerror(int64_t err);
 
-/* Thread-specific key for the FSM layer's per-task process data. */
+/** Thread-specific key for the FSM layer's per-task process data. */
 unsigned KVOS_getProcdataKey(void);
 
 #pragma GCC visibility pop

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * KVOS mutexes and the quick lock.
  *
  * Every KVOS mutex is error-checking and, when the process runs with an
@@ -27,7 +28,7 @@ typedef struct KVOS_MUTEX {
     void* opaque_mutex;
 } KVOS_MUTEX;
 
-/* Line sink of the dumps: (arg, text, length). */
+/** Line sink of the dumps: (arg, text, length). */
 typedef int (*KVOS_MUTEX_OUT_FUNC)(int arg, const char* text, unsigned length);
 
 int KVOS_mutexCreate(KVOS_MUTEX* m, const char* name);
@@ -35,16 +36,16 @@ int kvos_recursiveMutexCreate(KVOS_MUTEX* m, const char* name);
 int KVOS_mutexDelete(KVOS_MUTEX* m);
 void KVOS_mutexLock(KVOS_MUTEX* m);
 void KVOS_mutexUnlock(KVOS_MUTEX* m);
-/* Header, one line per listed mutex, then "List info: ...". */
+/** Header, one line per listed mutex, then "List info: ...". */
 void KVOS_mutexDump(KVOS_MUTEX_OUT_FUNC out, int arg);
-/* Initialises a bare system mutex with the KVOS attributes; returns 1. */
+/** Initialises a bare system mutex with the KVOS attributes; returns 1. */
 int kvos_init_mutex(pthread_mutex_t* m);
 
-/* Statistics of one mutex, for diagnostics and tests. */
+/** Statistics of one mutex, for diagnostics and tests. */
 const char* KVOS_mutexGetName(const KVOS_MUTEX* m);
 uint32_t KVOS_mutexTaken(const KVOS_MUTEX* m);
 uint32_t KVOS_mutexBlocked(const KVOS_MUTEX* m);
-/* Entries now in the mutex list, read under "mutexListLock". */
+/** Entries now in the mutex list, read under "mutexListLock". */
 int KVOS_mutexCount(void);
 
 int KVOS_lockQuick(void);

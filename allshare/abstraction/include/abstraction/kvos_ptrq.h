@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Pointer queues: bounded FIFO rings of untyped pointers shared between
  * threads, on one mutex and two condition variables.
  *
@@ -60,7 +61,7 @@ typedef ptrqueue_t* KVOS_PTRQ_ID;
 
 typedef int (*KVOS_PTRQ_OUT_FUNC)(int arg, const void* text, unsigned length);
 
-/* Queue layer. A length of 0 is refused (null). */
+/** Queue layer. A length of 0 is refused (null). */
 ptrqueue_t* ptrqueue_create(const char* name, int length);
 void ptrqueue_destroy(ptrqueue_t* q);
 int ptrqueue_enqueue(ptrqueue_t* q, void* p);
@@ -71,7 +72,7 @@ int ptrqueue_try_dequeue(ptrqueue_t* q, void** p);
 int ptrqueue_timed_dequeue(ptrqueue_t* q, void** p, int ms);
 void ptrqueue_dump(KVOS_PTRQ_OUT_FUNC out, int arg);
 
-/* KVOS layer. */
+/** KVOS layer. */
 KVOS_PTRQ_ID KVOS_ptrqCreate(const char* name, unsigned length);
 void KVOS_ptrqDelete(KVOS_PTRQ_ID q);
 int KVOS_ptrqPost(KVOS_PTRQ_ID q, void* p);
@@ -80,7 +81,7 @@ KV_RET KVOS_ptrqPendTimeout(KVOS_PTRQ_ID q, void** p, int ms);
 int KVOS_ptrqCheck(KVOS_PTRQ_ID q, void** p);
 void KVOS_ptrqDump(KVOS_PTRQ_OUT_FUNC out, int arg);
 
-/* Registry slot of q, or -1 when it is not registered (used by the
+/** Registry slot of q, or -1 when it is not registered (used by the
  * registry's owner and by tests). */
 int kvos_ptrq_registry_slot(const ptrqueue_t* q);
 

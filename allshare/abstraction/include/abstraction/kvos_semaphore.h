@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * KVOS semaphores: named, process-private counting semaphores kept in one
  * list for diagnostics.
  *
@@ -31,16 +32,16 @@ typedef struct KVOS_SEMAPHORE {
 int KVOS_semaphoreCreate(KVOS_SEMAPHORE* s, const char* name, unsigned tokens);
 int KVOS_semaphoreDelete(KVOS_SEMAPHORE* s);
 int KVOS_semaphoreWait(KVOS_SEMAPHORE* s);
-/* Waits at most ms milliseconds, measured on the real-time clock. */
+/** Waits at most ms milliseconds, measured on the real-time clock. */
 KV_RET KVOS_semaphoreTimedWait(KVOS_SEMAPHORE* s, unsigned ms);
 KV_RET KVOS_semaphoreTryWait(KVOS_SEMAPHORE* s);
 int KVOS_semaphorePost(KVOS_SEMAPHORE* s);
 int KVOS_semaphoreReset(KVOS_SEMAPHORE* s);
-/* The current token count; 0 with the error recorded if it cannot be read. */
+/** The current token count; 0 with the error recorded if it cannot be read. */
 int KVOS_semaphoreShow(KVOS_SEMAPHORE* s);
 const char* KVOS_semaphoreGetName(KVOS_SEMAPHORE s);
 int KVOS_semaphoreCount(void);
-/* Handles of the first `max` list entries, oldest first; returns how many. */
+/** Handles of the first `max` list entries, oldest first; returns how many. */
 int KVOS_semaphoreList(KVOS_SEMAPHORE* out, int max);
 
 #pragma GCC visibility pop

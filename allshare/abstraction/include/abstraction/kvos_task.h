@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * KVOS tasks: threads on stacks the library allocates itself.
  *
  * Every task stack is fenced by an inaccessible guard page below and above
@@ -58,7 +59,7 @@ typedef struct TaskAttrInternal {
 } TaskAttrInternal;
 typedef TaskAttrInternal KVOS_TASK_ATTR;
 
-/* One task-list entry; also the reaper's message, with `taken` as the
+/** One task-list entry; also the reaper's message, with `taken` as the
  * command (0 thread starting, 1 thread exiting). */
 typedef struct ThreadInfo {
     int32_t taken;
@@ -74,23 +75,23 @@ typedef struct ThreadInfo {
 typedef void (*KVOS_TASK_ENTRY)(void* arg);
 typedef int (*KVOS_TASK_OUT_FUNC)(int arg, const void* text, unsigned length);
 
-/* Attributes. All but the name setter assert "attr != NULL". */
+/** Attributes. All but the name setter assert "attr != NULL". */
 KVOS_TASK_ATTR* KVOS_taskAttrCreate(void);
 void KVOS_taskAttrDestroy(KVOS_TASK_ATTR* attr);
 void KVOS_taskAttrSetPriority(KVOS_TASK_ATTR* attr, KVOS_TASK_PRI priority);
 KVOS_TASK_PRI KVOS_taskAttrGetPriority(const KVOS_TASK_ATTR* attr);
-/* Keeps the first 19 characters. */
+/** Keeps the first 19 characters. */
 void KVOS_taskAttrSetName(KVOS_TASK_ATTR* attr, const char* name);
 const char* KVOS_taskAttrGetName(const KVOS_TASK_ATTR* attr);
 void KVOS_taskAttrSetScheduler(KVOS_TASK_ATTR* attr, KVOS_SCHED_TYPE sched);
 KVOS_SCHED_TYPE KVOS_taskAttrGetScheduler(const KVOS_TASK_ATTR* attr);
-/* Asserts "stackSize % 1024 == 0"; 0 means the minimum, 16384. */
+/** Asserts "stackSize % 1024 == 0"; 0 means the minimum, 16384. */
 void KVOS_taskAttrSetStackSize(KVOS_TASK_ATTR* attr, unsigned stackSize);
 unsigned KVOS_taskAttrGetStackSize(const KVOS_TASK_ATTR* attr);
 void KVOS_taskAttrSetStackSegment(KVOS_TASK_ATTR* attr, unsigned segment);
 unsigned KVOS_taskAttrGetStackSegment(const KVOS_TASK_ATTR* attr);
 
-/* Tasks. KVOS_taskCreate returns the handle, or KVOS_NO_TASK_ID with the
+/** Tasks. KVOS_taskCreate returns the handle, or KVOS_NO_TASK_ID with the
  * error left for KVOS_lastError. */
 KVOS_TASK_ID KVOS_taskCreate(KVOS_TASK_ENTRY entry, void* arg, KVOS_TASK_ATTR* attr);
 KVOS_TASK_ID KVOS_taskCreateOld(KVOS_TASK_ENTRY entry, KVOS_TASK_PRI priority, void* arg,
@@ -106,7 +107,7 @@ void KVOS_taskBacktraceAllOtherTasks(void);
 int kvos_task_cancel_all(void);
 void kvos_task_init(void);
 
-/* Task list dump: one line per task, then "List info: ...". */
+/** Task list dump: one line per task, then "List info: ...". */
 void KVOS_taskDump(std::ostream& os);
 void KVOS_taskDump(KVOS_TASK_OUT_FUNC out, int arg);
 void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
@@ -119,18 +120,18 @@ void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
  * library.
  */
 
-/* Task list. registerTask takes over `name` (a heap copy). */
+/** Task list. registerTask takes over `name` (a heap copy). */
 void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize,
                   void* signalStack, size_t signalStackSize);
 void unregisterTask(int pid, KVOS_TASK_ID tid);
-/* Walks the list without its lock. */
+/** Walks the list without its lock. */
 void taskList_foreach(void (*fn)(ThreadInfo*));
-/* Entries now listed, and the running counters; read under the lock. */
+/** Entries now listed, and the running counters; read under the lock. */
 size_t kvos_taskListSize(void);
 size_t kvos_taskListAdditions(void);
 size_t kvos_taskListRemovals(void);
 
-/* Stacks. allocate_stack returns the lowest usable address, or null. */
+/** Stacks. allocate_stack returns the lowest usable address, or null. */
 void* allocate_stack(size_t size);
 void deallocate_stack(void* stack, size_t size);
 size_t check_stack_usage(void* stack, size_t size);

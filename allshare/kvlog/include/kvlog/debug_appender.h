@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * In-memory capture of log output, and the per-logger record of the
  * controller's listing.
  *
@@ -58,7 +59,7 @@ public:
     explicit DebugAppender(const log4cxx::LayoutPtr& layout);
     ~DebugAppender() override;
 
-    /* Every formatted record appended so far, in order. */
+    /** Every formatted record appended so far, in order. */
     std::string getLogs() const;
 
 private:
@@ -69,7 +70,7 @@ private:
 
 using DebugAppenderPtr = std::shared_ptr<DebugAppender>;
 
-/* One logger of the controller's listing: its name, the level that applies,
+/** One logger of the controller's listing: its name, the level that applies,
  * the log4cxx text of that level, and the ancestor it inherits the level from
  * (empty when the level is the logger's own). */
 class LoggerInfo {
@@ -84,7 +85,7 @@ public:
     const std::string& getParent() const { return _parent; }
     bool isInherited() const { return !_parent.empty(); }
 
-    /* The appender name a configuration file uses for the four root loggers
+    /** The appender name a configuration file uses for the four root loggers
      * ("adminAppender", "developerAppender", "networkAppender",
      * "configAppender"); empty for every other logger, their children too. */
     std::string getAppender() const;

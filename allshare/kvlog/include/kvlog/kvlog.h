@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * kvlog: the system's logging front end over log4cxx.
  *
  * Every subsystem logs through named loggers that form one dotted hierarchy
@@ -32,7 +33,7 @@ namespace kvlog {
 
 using LoggerPtr = log4cxx::LoggerPtr;
 
-/* Lower value = more severe. */
+/** Lower value = more severe. */
 enum eKVLogLevel {
     KVLOG_LEVEL_FATAL = 0,
     KVLOG_LEVEL_ERROR = 1,
@@ -51,11 +52,11 @@ constexpr char configHierarchy[] = "config";
 constexpr char unittestHierarchy[] = "unittest";
 
 constexpr char LOGGER_REGISTRATION_PATH[] = "/tmp/management/logging/";
-/* A path limit of 4096, less the registration path and a terminator: module
+/** A path limit of 4096, less the registration path and a terminator: module
  * names must be shorter than this. */
 constexpr std::size_t MAX_MODULE_NAME_LENGTH = 4096 - (sizeof(LOGGER_REGISTRATION_PATH) - 1) - 1;
 
-/*
+/**
  * Logger factories. Each returns a non-null logger and records its name in
  * the registration directory. The name must be shorter than
  * MAX_MODULE_NAME_LENGTH; a longer one, or a registration directory or file
@@ -71,13 +72,13 @@ LoggerPtr getNetworkLogger(const std::string& moduleName);
 LoggerPtr getDeveloperLogger(const std::string& moduleName);
 LoggerPtr getConfigLogger(const std::string& moduleName);
 LoggerPtr getUnitTestLogger(const std::string& moduleName);
-/* The "developer" root itself. */
+/** The "developer" root itself. */
 LoggerPtr getRootDeveloperLogger();
-/* parent's name + "." + childName, case kept. A null parent or an empty child
+/** parent's name + "." + childName, case kept. A null parent or an empty child
  * name is a programming fault (C assertion). */
 LoggerPtr getChildLogger(const LoggerPtr& parentlogger, const std::string& childname);
 
-/* False for a null logger, else the logger's own answer. */
+/** False for a null logger, else the logger's own answer. */
 bool isTraceEnabled(const LoggerPtr& logger);
 bool isDebugEnabled(const LoggerPtr& logger);
 bool isInfoEnabled(const LoggerPtr& logger);
@@ -85,7 +86,7 @@ bool isWarnEnabled(const LoggerPtr& logger);
 bool isErrorEnabled(const LoggerPtr& logger);
 bool isFatalEnabled(const LoggerPtr& logger);
 
-/*
+/**
  * Level mapping. kvlog to log4cxx gives the log4cxx integer of ERROR..TRACE;
  * any other input, FATAL included, gives 2, which is no log4cxx level and so
  * reads back as log4cxx's default (DEBUG). FATAL is never assigned this way.
@@ -95,11 +96,11 @@ bool isFatalEnabled(const LoggerPtr& logger);
 int mapKVLogLevelToLog4cxxLevel(eKVLogLevel level);
 eKVLogLevel mapLog4cxxLevelToKVLogLevel(int level);
 
-/* "root", or a name that begins with one of the five roots (a plain prefix
+/** "root", or a name that begins with one of the five roots (a plain prefix
  * test) and consists of ASCII letters, digits, "_" and "." only. */
 bool isLegalModuleName(const std::string& name);
 
-/*
+/**
  * Logs " Entering function=\"name\"" at TRACE when constructed and
  * " Leaving function=\"name\"" when destroyed, each only if TRACE is enabled
  * at that moment. functionName is borrowed and must outlive the tracer.
@@ -118,7 +119,7 @@ private:
 
 class DebugAppender;
 
-/*
+/**
  * Captures what is logged to "unittest." + the lower-cased module name (and
  * its descendants) for the helper's lifetime.
  */
@@ -130,7 +131,7 @@ public:
     TestLogHelper& operator=(const TestLogHelper&) = delete;
 
     LoggerPtr getLogger() const;
-    /* Everything captured since construction, in order. */
+    /** Everything captured since construction, in order. */
     std::string getAllLoggedMessages() const;
 
 private:
@@ -140,7 +141,7 @@ private:
 
 } // namespace kvlog
 
-/* One macro per level: thin wrappers over log4cxx's own, so a disabled level
+/** One macro per level: thin wrappers over log4cxx's own, so a disabled level
  * costs one check and formats nothing. `message` is a stream expression.
  *
  * A record that cannot be written never reaches the caller as an exception:
@@ -161,7 +162,7 @@ private:
 #define KVLOG_ERROR(logger, message) KVLOG_GUARDED_(LOG4CXX_ERROR(logger, message))
 #define KVLOG_FATAL(logger, message) KVLOG_GUARDED_(LOG4CXX_FATAL(logger, message))
 
-/* Traces entry to and exit from the enclosing function. */
+/** Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)
 
 #pragma GCC visibility pop

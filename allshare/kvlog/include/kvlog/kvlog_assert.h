@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Message assertions for programming and installation faults.
  *
  * BOOST_ASSERT_MSG(expr, msg) reports through the library's handler (the

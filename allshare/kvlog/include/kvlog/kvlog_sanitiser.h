@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Masking of credentials in protocol text before it is logged, and the
  * decision whether key material may be logged at all.
  *
@@ -45,16 +46,16 @@ namespace kvlog {
 
 typedef boost::optional<bool> bool_opt_t;
 
-/* Marker whose existence (any file type) puts the device in certification
+/** Marker whose existence (any file type) puts the device in certification
  * mode, and the variant used by self-tests. */
-extern const char* const CERT_MODE_MARKER_PATH;      // "/tmp/cert-mode-logging"
-extern const char* const CERT_MODE_TEST_MARKER_PATH; // "/tmp/temp-test-file"
+extern const char* const CERT_MODE_MARKER_PATH;      ///< "/tmp/cert-mode-logging"
+extern const char* const CERT_MODE_TEST_MARKER_PATH; ///< "/tmp/temp-test-file"
 
-/* True when the marker (the test one if `test`) exists; tested anew on every
+/** True when the marker (the test one if `test`) exists; tested anew on every
  * call. An unreadable status counts as absent. */
 bool isCertModeLoggingEnabled(bool test);
 
-/* False in certification mode; otherwise true exactly when the logger
+/** False in certification mode; otherwise true exactly when the logger
  * "developer.cryptokeys" is effectively at TRACE. */
 bool shouldLogCryptoKeys(bool test);
 
@@ -64,11 +65,11 @@ void streamStringReplaceOauthTokenJson(std::ostream& out, const std::string& tex
 void streamStringReplaceSdpKeys(std::ostream& out, const std::string& text, bool_opt_t decision);
 void streamStringReplaceDebugKeys(std::ostream& out, const std::string& text, bool_opt_t decision);
 
-/* The stream functions of the same name with an empty decision (masking). */
+/** The stream functions of the same name with an empty decision (masking). */
 std::string stringReplaceOauthTokenTag(const std::string& text);
 std::string stringReplaceOauthTokenJson(const std::string& text);
 
-/* Raw bytes for a log record, 16 per line:
+/** Raw bytes for a log record, 16 per line:
  *
  *   0000  16 03 01 00 a5 01 00 00  a1 03 03 5b 3c 2e 00 ff  |...........[<...|
  *   0010  41 42                                             |AB|

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * DList: an intrusive doubly linked list of caller-owned records.
  *
  * The list never allocates. Each record carries a "next" and a "prev" pointer

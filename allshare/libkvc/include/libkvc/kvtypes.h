@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Result codes shared by the whole platform library.
  *
  * Newer operations return a KV_RET: zero or positive is success, negative is
@@ -16,8 +17,8 @@
 typedef int32_t KV_RET;
 
 #define KV_RET_OK      ((KV_RET)0)
-#define KV_RET_ERROR   ((KV_RET)-1) /* general failure */
-#define KV_RET_TIMEOUT ((KV_RET)-2) /* a wait ran out, or a try found nothing */
+#define KV_RET_ERROR   ((KV_RET)-1) /**< general failure */
+#define KV_RET_TIMEOUT ((KV_RET)-2) /**< a wait ran out, or a try found nothing */
 
 #define KV_RET_IS_OK(r) ((r) >= 0)
 

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Bounded string helpers.
  *
  * Every copy and concatenation stays inside the destination size it is given

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Seconds-and-microseconds time values and log time stamps.
  *
  * A TIMEVAL is normalised when tv_usec is at most 999999. Arithmetic refuses
@@ -39,7 +40,7 @@ TIMEVAL* TimeVal_fromMillis(TIMEVAL* pTimeVal, uint32_t iMillis);
 #ifdef __cplusplus
 }
 
-/* The current time as "YYYY-MM-DD HH:MM:SS", in UTC or in local time. */
+/** The current time as "YYYY-MM-DD HH:MM:SS", in UTC or in local time. */
 std::string timestamp_UTC_now();
 std::string timestamp_local_now();
 #endif

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * UTF-8 case mapping, in place and bounded by a byte length.
  *
  * The mapped form of a string can be longer than the original ("İ" lowers to

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * A process-private counting semaphore that reports failures by throwing
  * CountingSemaphoreException. It may be shared by any threads of the
  * process.
@@ -21,14 +22,14 @@
 
 class CountingSemaphore {
 public:
-    /* Throws for "sem_init" (for example more than SEM_VALUE_MAX tokens). */
+    /** Throws for "sem_init" (for example more than SEM_VALUE_MAX tokens). */
     explicit CountingSemaphore(unsigned initial);
-    /* A failure to destroy cannot leave the destructor: it ends the
+    /** A failure to destroy cannot leave the destructor: it ends the
      * process. */
     ~CountingSemaphore();
 
     void acquire(bool retryAndThrow);
-    /* Throws for "sem_post" (for example beyond SEM_VALUE_MAX). */
+    /** Throws for "sem_post" (for example beyond SEM_VALUE_MAX). */
     void release();
     int getValue() const;
 
@@ -39,7 +40,7 @@ private:
     mutable sem_t mSemaphore;
 };
 
-/* Writes getValue() in decimal. */
+/** Writes getValue() in decimal. */
 std::ostream& operator<<(std::ostream& os, const CountingSemaphore& s);
 
 #pragma GCC visibility pop

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The failure of a semaphore call: "<call> [errno:<number>] <system text>",
  * for example "sem_wait [errno:22] Invalid argument".
  */

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The log controller: owns the logging configuration of a process.
  *
  *   initKVLog(ident, logFile)   configure log4cxx: from "kvlog.conf" in the
@@ -43,8 +44,8 @@ namespace kvlog {
 typedef std::map<std::string, eKVLogLevel> ModuleLevelMap_t;
 typedef std::list<LoggerInfo> LoggerList;
 
-/* Base name of the configuration file; its directory is PATH_TYPE_ZEL_CONFIG. */
-extern const char* const configfilename; // "kvlog.conf"
+/** Base name of the configuration file; its directory is PATH_TYPE_ZEL_CONFIG. */
+extern const char* const configfilename; ///< "kvlog.conf"
 
 class kvlog_control {
 public:
@@ -53,52 +54,52 @@ public:
     kvlog_control(const kvlog_control&) = delete;
     kvlog_control& operator=(const kvlog_control&) = delete;
 
-    /* Full path of the configuration file; asserts that the path map has a
+    /** Full path of the configuration file; asserts that the path map has a
      * PATH_TYPE_ZEL_CONFIG entry that fits. */
     std::string getKVLogConfigFilenameAndPath() const;
-    /* Removes "kvlog.conf" from the user and the permanent directory (old
+    /** Removes "kvlog.conf" from the user and the permanent directory (old
      * locations), ignoring failures. */
     void removeDeprecatedKVLogConfFile();
-    /* The configuration path; logs an ERROR record when it cannot be opened
+    /** The configuration path; logs an ERROR record when it cannot be opened
      * for reading, and returns it anyway. */
     std::string ensureValidLogFile();
-    /* Configures log4cxx from the built-in properties, logging to `file`. */
+    /** Configures log4cxx from the built-in properties, logging to `file`. */
     void ignoreConfigAndInsteadLogToFile(const char* file) const;
 
-    /* "root" gives the root logger; any other name log4cxx's logger of that
+    /** "root" gives the root logger; any other name log4cxx's logger of that
      * name, created if absent (not registered as the factories do). */
     log4cxx::LoggerPtr getLoggerFromModuleName(const std::string& name) const;
     bool loggerExists(const std::string& name) const;
-    /* The kvlog level of the logger's effective level; KVLOG_NUM_LEVELS when
+    /** The kvlog level of the logger's effective level; KVLOG_NUM_LEVELS when
      * no logger of that name exists. */
     eKVLogLevel getKVLogLevel(const std::string& name) const;
     eKVLogLevel getKVLogLevel(const LoggerPtr& logger) const;
-    /* Sets the level and clears the level of every descendant, so that they
+    /** Sets the level and clears the level of every descendant, so that they
      * all inherit it. */
     void setKVLogLevel(const std::string& name, eKVLogLevel level);
-    /* The level the logger had when the controller finished configuring; a
+    /** The level the logger had when the controller finished configuring; a
      * null level when it did not exist then. */
     log4cxx::LevelPtr getDefaultLogLevel(const std::string& name);
-    /* Current loggers below `name` (any depth), in the repository's order. */
+    /** Current loggers below `name` (any depth), in the repository's order. */
     log4cxx::LoggerList getChildren(const std::string& name);
 
     bool isLegalModuleName(const std::string& name) const;
     int mapKVLogLevelToLog4cxxLevel(eKVLogLevel level) const;
     eKVLogLevel mapLog4cxxLevelToKVLogLevel(int level) const;
 
-    /* Every current logger with the level that applies to it: its own
+    /** Every current logger with the level that applies to it: its own
      * (assigned) or that of the nearest ancestor with a level (inherited). */
     LoggerList getRegisteredLoggerInfo() const;
-    /* Header, then the assigned records, then the inherited ones. */
+    /** Header, then the assigned records, then the inherited ones. */
     void dumpKVLogStatus(std::ostream& out) const;
 
-    /* Body of the monitor task. */
+    /** Body of the monitor task. */
     void kvlogConfigFileMonitorThread();
-    /* Starts the monitor task (once; later calls do nothing); false when the
+    /** Starts the monitor task (once; later calls do nothing); false when the
      * task could not be created. */
     bool startConfigFileMonitor();
 
-    /*
+    /**
      * Watches the configuration directory (not the file: editors and
      * installers replace the file by renaming a new one over it) and
      * reconfigures log4cxx when a notification names the file.
@@ -110,12 +111,12 @@ public:
         KVLogConfigFileMonitor(const KVLogConfigFileMonitor&) = delete;
         KVLogConfigFileMonitor& operator=(const KVLogConfigFileMonitor&) = delete;
 
-        /* Polls the notification descriptor every 100 ms until stopped. */
+        /** Polls the notification descriptor every 100 ms until stopped. */
         void run();
-        /* Reads the pending notifications and reconfigures if one names the
+        /** Reads the pending notifications and reconfigures if one names the
          * configuration file; under "kvlog mutex". */
         void changeDetected();
-        /* Under "kvlog mutex": sets the stop flag, waits for the loop to end
+        /** Under "kvlog mutex": sets the stop flag, waits for the loop to end
          * (when it was started), then releases the watch and the descriptor. */
         void stop();
 
@@ -130,7 +131,7 @@ public:
         std::atomic<bool> _stopping;
         LoggerPtr _logger;
         CountingSemaphore _sem;
-        // Whether a task runs the loop: stop() waits for it only then.
+        /// Whether a task runs the loop: stop() waits for it only then.
         bool _started = false;
         bool _stopped = false;
     };
@@ -142,7 +143,7 @@ private:
     std::unique_ptr<KVLogConfigFileMonitor> _monitor;
 };
 
-/* The process's controller, or null. */
+/** The process's controller, or null. */
 extern kvlog_control* kvlogController;
 kvlog_control* getKVLogController();
 
