@@ -26,8 +26,11 @@ namespace DBus {
 class BusDispatcher;
 }
 
+/** The process's D-Bus dispatcher thread (see the file note). One instance per process, never
+ * destroyed. */
 class DBusThread {
 public:
+    /** The one instance, created on first use with a fresh dispatcher and not yet started. */
     static DBusThread& instance();
     ~DBusThread();
 
@@ -39,7 +42,10 @@ public:
     /** Entry of the task: runs the dispatcher's loop until it is left. */
     static void main(void* self);
 
+    /** Handle of the dispatcher task; 0 when it is not running. */
     KVOS_TASK_ID taskId() const;
+    /** The dispatcher that the next (or the running) loop serves; set it as the default dispatcher
+     * before creating connections. Owned by the thread. */
     DBus::BusDispatcher* dispatcher() const;
 
     DBusThread(const DBusThread&) = delete;

@@ -31,6 +31,7 @@
 
 namespace kvlog {
 
+/** A shared handle of a log4cxx logger; loggers live as long as the process. */
 using LoggerPtr = log4cxx::LoggerPtr;
 
 /** Lower value = more severe. */
@@ -56,6 +57,7 @@ constexpr char LOGGER_REGISTRATION_PATH[] = "/tmp/management/logging/";
  * names must be shorter than this. */
 constexpr std::size_t MAX_MODULE_NAME_LENGTH = 4096 - (sizeof(LOGGER_REGISTRATION_PATH) - 1) - 1;
 
+///@{
 /**
  * Logger factories. Each returns a non-null logger and records its name in
  * the registration directory. The name must be shorter than
@@ -72,12 +74,14 @@ LoggerPtr getNetworkLogger(const std::string& moduleName);
 LoggerPtr getDeveloperLogger(const std::string& moduleName);
 LoggerPtr getConfigLogger(const std::string& moduleName);
 LoggerPtr getUnitTestLogger(const std::string& moduleName);
+///@}
 /** The "developer" root itself. */
 LoggerPtr getRootDeveloperLogger();
 /** parent's name + "." + childName, case kept. A null parent or an empty child
  * name is a programming fault (C assertion). */
 LoggerPtr getChildLogger(const LoggerPtr& parentlogger, const std::string& childname);
 
+///@{
 /** False for a null logger, else the logger's own answer. */
 bool isTraceEnabled(const LoggerPtr& logger);
 bool isDebugEnabled(const LoggerPtr& logger);
@@ -85,7 +89,9 @@ bool isInfoEnabled(const LoggerPtr& logger);
 bool isWarnEnabled(const LoggerPtr& logger);
 bool isErrorEnabled(const LoggerPtr& logger);
 bool isFatalEnabled(const LoggerPtr& logger);
+///@}
 
+///@{
 /**
  * Level mapping. kvlog to log4cxx gives the log4cxx integer of ERROR..TRACE;
  * any other input, FATAL included, gives 2, which is no log4cxx level and so
@@ -95,6 +101,7 @@ bool isFatalEnabled(const LoggerPtr& logger);
  */
 int mapKVLogLevelToLog4cxxLevel(eKVLogLevel level);
 eKVLogLevel mapLog4cxxLevelToKVLogLevel(int level);
+///@}
 
 /** "root", or a name that begins with one of the five roots (a plain prefix
  * test) and consists of ASCII letters, digits, "_" and "." only. */
@@ -107,6 +114,7 @@ bool isLegalModuleName(const std::string& name);
  */
 class MethodTracer {
 public:
+    /** Logs the entry line at TRACE if enabled; the destructor logs the leaving line. */
     MethodTracer(const LoggerPtr& logger, const char* functionName);
     ~MethodTracer();
     MethodTracer(const MethodTracer&) = delete;
@@ -125,11 +133,14 @@ class DebugAppender;
  */
 class TestLogHelper {
 public:
+    /** Attaches an in-memory appender to the logger "unittest." + the lower-cased moduleName; the
+     * destructor detaches it. */
     explicit TestLogHelper(const std::string& moduleName);
     ~TestLogHelper();
     TestLogHelper(const TestLogHelper&) = delete;
     TestLogHelper& operator=(const TestLogHelper&) = delete;
 
+    /** The captured logger: log through it (or its children) to have records captured. */
     LoggerPtr getLogger() const;
     /** Everything captured since construction, in order. */
     std::string getAllLoggedMessages() const;

@@ -44,6 +44,7 @@
 
 namespace kvlog {
 
+/** A decision that may be empty: the sanitisers' last argument. */
 typedef boost::optional<bool> bool_opt_t;
 
 /** Marker whose existence (any file type) puts the device in certification
@@ -59,15 +60,26 @@ bool isCertModeLoggingEnabled(bool test);
  * "developer.cryptokeys" is effectively at TRACE. */
 bool shouldLogCryptoKeys(bool test);
 
+/** Writes text to out with every token="..." value masked, unless `decision` holds a value (see the
+ * file note). */
 void streamStringReplaceOauthTokenParam(std::ostream& out, const std::string& text, bool_opt_t decision);
+/** Writes text to out with every <token>...</token> content masked, unless `decision` holds a
+ * value. */
 void streamStringReplaceOauthTokenTag(std::ostream& out, const std::string& text, bool_opt_t decision);
+/** Writes text to out with every "token":"..." value masked, unless `decision` holds a value. */
 void streamStringReplaceOauthTokenJson(std::ostream& out, const std::string& text, bool_opt_t decision);
+/** Writes text to out with every inline:key masked ("inline" and one dot per key byte), unless
+ * `decision`, or shouldLogCryptoKeys(false) when it is empty, allows keys in clear. */
 void streamStringReplaceSdpKeys(std::ostream& out, const std::string& text, bool_opt_t decision);
+/** Writes text to out with every keys=value masked, unless `decision`, or
+ * shouldLogCryptoKeys(false) when it is empty, allows keys in clear. */
 void streamStringReplaceDebugKeys(std::ostream& out, const std::string& text, bool_opt_t decision);
 
+///@{
 /** The stream functions of the same name with an empty decision (masking). */
 std::string stringReplaceOauthTokenTag(const std::string& text);
 std::string stringReplaceOauthTokenJson(const std::string& text);
+///@}
 
 /** Raw bytes for a log record, 16 per line:
  *
@@ -79,6 +91,7 @@ std::string stringReplaceOauthTokenJson(const std::string& text);
  * line, the last included, ends with '\n'. A null pointer or a length of 0
  * writes nothing. */
 void hexDumpToStream(std::ostream& out, const unsigned char* data, uint32_t length);
+/** The hexDumpToStream text as a string (empty for null data or length 0). */
 std::string hexDumpToString(const unsigned char* data, uint32_t length);
 
 } // namespace kvlog

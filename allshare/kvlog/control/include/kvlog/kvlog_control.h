@@ -41,14 +41,22 @@
 
 namespace kvlog {
 
+/** Levels by logger name. */
 typedef std::map<std::string, eKVLogLevel> ModuleLevelMap_t;
+/** The controller's listing of loggers. */
 typedef std::list<LoggerInfo> LoggerList;
 
 /** Base name of the configuration file; its directory is PATH_TYPE_ZEL_CONFIG. */
 extern const char* const configfilename; ///< "kvlog.conf"
 
+/** The log controller (see the file note). Created by initKVLog and destroyed by shutdownKVLog; use
+ * the process's one through kvlogController. */
 class kvlog_control {
 public:
+    /** Opens the system log under `ident` (facility LOCAL5), creates "kvlog mutex", removes
+     * deprecated configuration files, configures log4cxx from the configuration file (logFile
+     * null) or to logFile, records every logger's level as its default and prepares, without
+     * starting, the configuration monitor. */
     kvlog_control(const char* ident, const char* logFile);
     ~kvlog_control();
     kvlog_control(const kvlog_control&) = delete;
@@ -69,10 +77,12 @@ public:
     /** "root" gives the root logger; any other name log4cxx's logger of that
      * name, created if absent (not registered as the factories do). */
     log4cxx::LoggerPtr getLoggerFromModuleName(const std::string& name) const;
+    /** True for "root" and for every name the repository has a logger for; creates nothing. */
     bool loggerExists(const std::string& name) const;
     /** The kvlog level of the logger's effective level; KVLOG_NUM_LEVELS when
      * no logger of that name exists. */
     eKVLogLevel getKVLogLevel(const std::string& name) const;
+    /** The kvlog level of the logger's effective level; KVLOG_NUM_LEVELS for a null logger. */
     eKVLogLevel getKVLogLevel(const LoggerPtr& logger) const;
     /** Sets the level and clears the level of every descendant, so that they
      * all inherit it. */
@@ -83,8 +93,11 @@ public:
     /** Current loggers below `name` (any depth), in the repository's order. */
     log4cxx::LoggerList getChildren(const std::string& name);
 
+    /** kvlog::isLegalModuleName. */
     bool isLegalModuleName(const std::string& name) const;
+    /** kvlog::mapKVLogLevelToLog4cxxLevel. */
     int mapKVLogLevelToLog4cxxLevel(eKVLogLevel level) const;
+    /** kvlog::mapLog4cxxLevelToKVLogLevel. */
     eKVLogLevel mapLog4cxxLevelToKVLogLevel(int level) const;
 
     /** Every current logger with the level that applies to it: its own
@@ -106,6 +119,8 @@ public:
      */
     class KVLogConfigFileMonitor {
     public:
+        /** Opens a non-blocking inotify descriptor watching the configuration directory; failures
+         * are logged under "developer.kvlog.monitor" and leave a monitor that never sees a change. */
         explicit KVLogConfigFileMonitor(kvlog_control& tc);
         ~KVLogConfigFileMonitor();
         KVLogConfigFileMonitor(const KVLogConfigFileMonitor&) = delete;
@@ -120,7 +135,9 @@ public:
          * (when it was started), then releases the watch and the descriptor. */
         void stop();
 
+        /** Records that a task runs the loop, so that stop() waits for it. */
         void setStarted() { _started = true; }
+        /** True once setStarted has been called. */
         bool started() const { return _started; }
 
     private:
@@ -143,15 +160,21 @@ private:
     std::unique_ptr<KVLogConfigFileMonitor> _monitor;
 };
 
+///@{
 /** The process's controller, or null. */
 extern kvlog_control* kvlogController;
 kvlog_control* getKVLogController();
+///@}
 
 } // namespace kvlog
 
 extern "C" {
+/** Creates the process's controller (kvlog_control(ident, logFile)); a second call asserts. */
 void initKVLog(const char* ident, const char* logFile);
+/** Starts the configuration monitor task of the controller; asserts that there is one. */
 void initKVLogConfigMonitor(void);
+/** Stops the monitor, closes the system log and destroys the controller, leaving kvlogController
+ * null; asserts that there is one. */
 void shutdownKVLog(void);
 /* Task entry of the monitor; the argument is the controller. */
 void kvlogConfigFileMonitorThreadEntry(void* kvlogController);
