@@ -23,17 +23,17 @@ typedef struct TIMEVAL {
     uint32_t tv_usec;
 } TIMEVAL;
 
-/* Stores iSec/iUSec, carrying whole seconds out of iUSec. */
+/** Stores iSec/iUSec, carrying whole seconds out of iUSec. */
 void TimeVal_init(TIMEVAL* pTimeVal, uint32_t iSec, uint32_t iUSec);
-/* -1, 0 or 1 comparing seconds, then microseconds. */
+/** -1, 0 or 1 comparing seconds, then microseconds. */
 int TimeVal_cmp(const TIMEVAL* pTv1, const TIMEVAL* pTv2);
-/* pTvResult = pTv1 + pTv2; zero (and a message) for unnormalised operands. */
+/** pTvResult = pTv1 + pTv2; zero (and a message) for unnormalised operands. */
 TIMEVAL* TimeVal_add(const TIMEVAL* pTv1, const TIMEVAL* pTv2, TIMEVAL* pTvResult);
-/* pTvResult = pTv1 - pTv2; zero, silently, when pTv1 is earlier than pTv2;
+/** pTvResult = pTv1 - pTv2; zero, silently, when pTv1 is earlier than pTv2;
  * otherwise zero (and a message) for unnormalised operands. */
 TIMEVAL* TimeVal_sub(const TIMEVAL* pTv1, const TIMEVAL* pTv2, TIMEVAL* pTvResult);
 TIMEVAL* TimeVal_copy(const TIMEVAL* pSrc, TIMEVAL* pDst);
-/* Milliseconds in 32-bit arithmetic: wraps beyond 4294967 seconds. */
+/** Milliseconds in 32-bit arithmetic: wraps beyond 4294967 seconds. */
 uint32_t TimeVal_toMillis(const TIMEVAL* pTimeVal);
 TIMEVAL* TimeVal_fromMillis(TIMEVAL* pTimeVal, uint32_t iMillis);
 

@@ -176,7 +176,7 @@ void initKVLogConfigMonitor(void);
 /** Stops the monitor, closes the system log and destroys the controller, leaving kvlogController
  * null; asserts that there is one. */
 void shutdownKVLog(void);
-/* Task entry of the monitor; the argument is the controller. */
+/** Task entry of the monitor; the argument is the controller. */
 void kvlogConfigFileMonitorThreadEntry(void* kvlogController);
 }
 
