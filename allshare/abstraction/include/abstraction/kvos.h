@@ -62,6 +62,7 @@ typedef enum KV_PATH_TYPE {
     PATH_TYPE_ZEL_CONFIG /**< 26 */
 } KV_PATH_TYPE;
 
+/** Capacity of a path-map entry's directory, terminator included. */
 #define KV_PATH_MAX 512
 
 /** One entry of the path map: a directory for one path type, and the next (older) entry. */

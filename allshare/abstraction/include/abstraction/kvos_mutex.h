@@ -8,7 +8,7 @@
  * is a programming fault: "Mutex error" is logged with the system's text and
  * number, and the process aborts. Results of 1 mean success.
  *
- * Each mutex counts #Taken (successful locks) and #Blocked (locks that found
+ * Each mutex counts \#Taken (successful locks) and \#Blocked (locks that found
  * it held and had to wait); both are updated while the mutex is held. All
  * mutexes are kept in one list, in creation order, for KVOS_mutexDump; the
  * list's own lock, "mutexListLock", is its first entry.

@@ -60,7 +60,9 @@ typedef struct ptrqueue_t {
 
 /** Handle of a KVOS pointer queue. */
 typedef ptrqueue_t* KVOS_PTRQ_ID;
+/** The null queue handle: what KVOS_ptrqCreate returns on failure. */
 #define KVOS_NO_PTRQ_ID ((KVOS_PTRQ_ID)0)
+/** Slots of the queue registry that the dump lists. */
 #define KVOS_PTRQ_REGISTRY_SIZE 100
 
 /** Line sink of the dumps: (arg, text, length). */

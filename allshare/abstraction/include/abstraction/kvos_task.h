@@ -39,6 +39,7 @@
 typedef uint32_t KVOS_TASK_PRI;
 /** Handle of a task: its thread. */
 typedef pthread_t KVOS_TASK_ID;
+/** The null task handle: what KVOS_taskCreate returns on failure. */
 #define KVOS_NO_TASK_ID ((KVOS_TASK_ID)-1)
 
 /** Scheduler choice kept in a task attribute record; it is stored and returned only, the policy
@@ -49,9 +50,13 @@ typedef enum KVOS_SCHED_TYPE {
     KVOS_SCHED_OTHER = 2
 } KVOS_SCHED_TYPE;
 
+/** Capacity of a task name, terminator included. */
 #define KVOS_TASK_NAME_LEN 20
+/** The smallest task stack in bytes; smaller sizes are raised to it. */
 #define KVOS_TASK_MIN_STACK 16384u
+/** Bytes of every task's alternate signal stack. */
 #define KVOS_SIGNAL_STACK_SIZE 1024000u
+/** The word fresh stacks are filled with, so that their deepest use can be measured. */
 #define KVOS_STACK_MARKER 0xdadefee1u
 
 /** Attributes of a task to create. Obtain one from KVOS_taskAttrCreate (all zeroes: priority 0,
@@ -63,6 +68,7 @@ typedef struct TaskAttrInternal {
     uint32_t stackSize;
     uint32_t stackSegment;
 } TaskAttrInternal;
+/** The attribute record as callers name it. */
 typedef TaskAttrInternal KVOS_TASK_ATTR;
 
 /** One task-list entry; also the reaper's message, with `taken` as the

@@ -78,6 +78,7 @@ private:
     std::shared_ptr<MemoryOutputStream> m_outputStream;
 };
 
+/** Shared handle of a DebugAppender, as log4cxx holds appenders. */
 using DebugAppenderPtr = std::shared_ptr<DebugAppender>;
 
 /** One logger of the controller's listing: its name, the level that applies,

@@ -45,13 +45,17 @@ enum eKVLogLevel {
     KVLOG_NUM_LEVELS = 6
 };
 
+///@{
+/** Name of the root logger, and of the five hierarchy roots below it. */
 constexpr char rootModuleName[] = "root";
 constexpr char adminstratorHierarchy[] = "administrator";
 constexpr char developerHierarchy[] = "developer";
 constexpr char networkHierarchy[] = "network";
 constexpr char configHierarchy[] = "config";
 constexpr char unittestHierarchy[] = "unittest";
+///@}
 
+/** Directory where every logger name gets an empty file of that name. */
 constexpr char LOGGER_REGISTRATION_PATH[] = "/tmp/management/logging/";
 /** A path limit of 4096, less the registration path and a terminator: module
  * names must be shorter than this. */
@@ -152,6 +156,7 @@ private:
 
 } // namespace kvlog
 
+///@{
 /** One macro per level: thin wrappers over log4cxx's own, so a disabled level
  * costs one check and formats nothing. `message` is a stream expression.
  *
@@ -172,6 +177,7 @@ private:
 #define KVLOG_WARN(logger, message) KVLOG_GUARDED_(LOG4CXX_WARN(logger, message))
 #define KVLOG_ERROR(logger, message) KVLOG_GUARDED_(LOG4CXX_ERROR(logger, message))
 #define KVLOG_FATAL(logger, message) KVLOG_GUARDED_(LOG4CXX_FATAL(logger, message))
+///@}
 
 /** Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)

@@ -7,11 +7,13 @@
  * by a fixed prefix and one '.' per byte of the secret, so the record keeps
  * its shape and the secret's length but not its value:
  *
+ * @verbatim
  *   streamStringReplaceOauthTokenParam  token="SECRET"           -> token="......"
  *   streamStringReplaceOauthTokenTag    <token>SECRET</token>    -> <token>......</token>
  *   streamStringReplaceOauthTokenJson   "token":"SECRET"         -> "token":"......"
  *   streamStringReplaceSdpKeys          inline:SECRET            -> inline......   (colon dropped)
  *   streamStringReplaceDebugKeys        keys=SECRET              -> keys=......
+ * @endverbatim
  *
  * The OAuth patterns are greedy: with several later quotes (closing tags) in
  * the text, everything up to the last one is masked. The key patterns also
@@ -63,7 +65,7 @@ bool shouldLogCryptoKeys(bool test);
 /** Writes text to out with every token="..." value masked, unless `decision` holds a value (see the
  * file note). */
 void streamStringReplaceOauthTokenParam(std::ostream& out, const std::string& text, bool_opt_t decision);
-/** Writes text to out with every <token>...</token> content masked, unless `decision` holds a
+/** Writes text to out with every `<token>...</token>` content masked, unless `decision` holds a
  * value. */
 void streamStringReplaceOauthTokenTag(std::ostream& out, const std::string& text, bool_opt_t decision);
 /** Writes text to out with every "token":"..." value masked, unless `decision` holds a value. */
@@ -83,8 +85,10 @@ std::string stringReplaceOauthTokenJson(const std::string& text);
 
 /** Raw bytes for a log record, 16 per line:
  *
+ * @verbatim
  *   0000  16 03 01 00 a5 01 00 00  a1 03 03 5b 3c 2e 00 ff  |...........[<...|
  *   0010  41 42                                             |AB|
+ * @endverbatim
  *
  * The offset is hexadecimal, four digits (more when the length needs them);
  * the text column shows printable ASCII and '.' for everything else. Each

@@ -18,6 +18,7 @@
 extern "C" {
 #endif
 
+/** A time or duration in seconds and microseconds; normalised when tv_usec is at most 999999. */
 typedef struct TIMEVAL {
     uint32_t tv_sec;
     uint32_t tv_usec;
@@ -32,17 +33,21 @@ TIMEVAL* TimeVal_add(const TIMEVAL* pTv1, const TIMEVAL* pTv2, TIMEVAL* pTvResul
 /** pTvResult = pTv1 - pTv2; zero, silently, when pTv1 is earlier than pTv2;
  * otherwise zero (and a message) for unnormalised operands. */
 TIMEVAL* TimeVal_sub(const TIMEVAL* pTv1, const TIMEVAL* pTv2, TIMEVAL* pTvResult);
+/** Copies *pSrc into *pDst; returns pDst. */
 TIMEVAL* TimeVal_copy(const TIMEVAL* pSrc, TIMEVAL* pDst);
 /** Milliseconds in 32-bit arithmetic: wraps beyond 4294967 seconds. */
 uint32_t TimeVal_toMillis(const TIMEVAL* pTimeVal);
+/** Sets *pTimeVal to iMillis milliseconds (normalised); returns pTimeVal. */
 TIMEVAL* TimeVal_fromMillis(TIMEVAL* pTimeVal, uint32_t iMillis);
 
 #ifdef __cplusplus
 }
 
+///@{
 /** The current time as "YYYY-MM-DD HH:MM:SS", in UTC or in local time. */
 std::string timestamp_UTC_now();
 std::string timestamp_local_now();
+///@}
 #endif
 
 #pragma GCC visibility pop

@@ -16,11 +16,13 @@
 extern "C" {
 #endif
 
+///@{
 /** Replaces the first iLen bytes of s (or up to its terminator) by their lower-
  * or upper-case form when that is no longer than iLen bytes. The result is
  * terminated when it is shorter than iLen. */
 void kvclib_utf8tolower(char* s, int iLen);
 void kvclib_utf8toupper(char* s, int iLen);
+///@}
 
 /** Compares the lower-case forms of the first n bytes of a and b, byte-wise
  * over n bytes. If a working buffer cannot be allocated the strings are

@@ -33,6 +33,7 @@
 
 #pragma GCC visibility push(default)
 
+/** Makes the compiler warn when a caller ignores the result. */
 #define SYSTEMKEY_MUST_CHECK __attribute__((warn_unused_result))
 
 /** Encrypts `in` with the active key of the key file into the current form
@@ -84,7 +85,10 @@ typedef struct CRYPT_DATA {
     RSA* bootstrap_private;   /**< the loaded bootstrap key, or null */
 } CRYPT_DATA;
 
+/** Zeroes the record and sets key_id_size to 41 and priv_key_size to 64, ready for one operation. */
 void cryptDataInit(CRYPT_DATA* cd);
+/** Wipes the key bytes and the cipher-string copy, frees the copy and the bootstrap key, and leaves
+ * the record reusable after cryptDataInit; null does nothing. Call it on every exit path. */
 void cryptDataRelease(CRYPT_DATA* cd);
 
 /** Capacity that callers give readSystemKeyFile: the most bytes of a key file

@@ -20,6 +20,7 @@
 
 #pragma GCC visibility push(default)
 
+/** A counting semaphore for threads of one process (see the file note). Not copyable. */
 class CountingSemaphore {
 public:
     /** Throws for "sem_init" (for example more than SEM_VALUE_MAX tokens). */
@@ -28,9 +29,14 @@ public:
      * process. */
     ~CountingSemaphore();
 
+    /** Takes a token, waiting until one is there. With retryAndThrow, interrupted waits are
+     * repeated and any other failure throws CountingSemaphoreException("sem_wait"); without it, a
+     * failed wait returns as if a token had been taken. */
     void acquire(bool retryAndThrow);
     /** Throws for "sem_post" (for example beyond SEM_VALUE_MAX). */
     void release();
+    /** Tokens now available; throws CountingSemaphoreException("sem_getvalue") when they cannot be
+     * read. */
     int getValue() const;
 
     CountingSemaphore(const CountingSemaphore&) = delete;

@@ -2,6 +2,7 @@
  * @file
  * The log controller: owns the logging configuration of a process.
  *
+ * @verbatim
  *   initKVLog(ident, logFile)   configure log4cxx: from "kvlog.conf" in the
  *                               product configuration directory of the path
  *                               map (logFile null), or from built-in properties
@@ -11,6 +12,7 @@
  *                               file is rewritten or replaced
  *   ...                         read and change levels, list the loggers
  *   shutdownKVLog()             stop the monitor, destroy the controller
+ * @endverbatim
  *
  * There is at most one controller per process (kvlogController). Calling
  * initKVLog twice, or the other two without a controller, is a programming
