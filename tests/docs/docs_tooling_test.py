@@ -3,22 +3,23 @@
 (scripts/doxify-headers), the exported-region filter (docs/exported-only) and
 the warning checker (scripts/check-docs)."""
 
-import importlib.machinery
-import importlib.util
 import os
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 
 
 def load(relpath, name):
-    loader = importlib.machinery.SourceFileLoader(name, os.path.join(ROOT, relpath))
-    spec = importlib.util.spec_from_loader(name, loader)
-    module = importlib.util.module_from_spec(spec)
-    loader.exec_module(module)
+    """A script without a .py suffix, loaded as a module."""
+    path = os.path.join(ROOT, relpath)
+    module = types.ModuleType(name)
+    module.__file__ = path
+    with open(path, encoding="utf-8") as f:
+        exec(compile(f.read(), path, "exec"), module.__dict__)
     return module
 
 
