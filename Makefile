@@ -6,6 +6,8 @@
 #   make check   make test, then the ASan+UBSan and TSan suites and a fuzz smoke run
 #   make fuzz    run every fuzz target for FUZZ_SECONDS (default 300) each
 #   make bench   build and run the benchmarks
+#   make docs    API reference of the public headers in build/docs/html; fails
+#                when a public function is undocumented (scripts/check-docs)
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 300
@@ -23,7 +25,7 @@ ASAN_ENV := ASAN_OPTIONS=detect_stack_use_after_return=0:new_delete_type_mismatc
             UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(SUPP)/tsan.supp
 
-.PHONY: all deps build run test check asan tsan fuzz-build fuzz-smoke fuzz bench clean
+.PHONY: all deps build run test check asan tsan fuzz-build fuzz-smoke fuzz bench docs clean
 
 all: build
 
@@ -64,6 +66,20 @@ check: test asan tsan fuzz-smoke
 
 bench: build
 	@for b in build/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+DOCS_DIR := build/docs
+PUBLIC_HEADERS = $(shell scripts/public-headers)
+
+docs: deps
+	rm -rf $(DOCS_DIR)
+	mkdir -p $(DOCS_DIR)
+	KV_DOCS_INPUT="$(PUBLIC_HEADERS)" \
+	KV_DOCS_INCLUDE_DIRS="$(sort $(foreach h,$(PUBLIC_HEADERS),$(firstword $(subst /include/, ,$(h)))/include))" \
+	KV_DOCS_OUTPUT=$(DOCS_DIR) \
+	KV_DOCS_VERSION="$$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)" \
+	doxygen docs/Doxyfile
+	scripts/check-docs $(DOCS_DIR)/warnings.log
+	@echo "API reference: $(DOCS_DIR)/html/index.html"
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

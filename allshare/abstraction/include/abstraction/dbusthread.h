@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * DBusThread: the process's D-Bus dispatcher, run on a KVOS task of its own
  * ("DBus dispatcher") so that proxies and adaptors anywhere in the process
  * are served without an application main loop. KVOS_init starts it last.
@@ -25,20 +26,26 @@ namespace DBus {
 class BusDispatcher;
 }
 
+/** The process's D-Bus dispatcher thread (see the file note). One instance per process, never
+ * destroyed. */
 class DBusThread {
 public:
+    /** The one instance, created on first use with a fresh dispatcher and not yet started. */
     static DBusThread& instance();
     ~DBusThread();
 
-    /* Starts the "DBus dispatcher" task; asserts "!task_id_". */
+    /** Starts the "DBus dispatcher" task; asserts "!task_id_". */
     void start();
-    /* Leaves the loop once it runs and waits for the task's entry to
+    /** Leaves the loop once it runs and waits for the task's entry to
      * return; nothing when not started. Never throws. */
     void stop();
-    /* Entry of the task: runs the dispatcher's loop until it is left. */
+    /** Entry of the task: runs the dispatcher's loop until it is left. */
     static void main(void* self);
 
+    /** Handle of the dispatcher task; 0 when it is not running. */
     KVOS_TASK_ID taskId() const;
+    /** The dispatcher that the next (or the running) loop serves; set it as the default dispatcher
+     * before creating connections. Owned by the thread. */
     DBus::BusDispatcher* dispatcher() const;
 
     DBusThread(const DBusThread&) = delete;

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * KVOS tasks: threads on stacks the library allocates itself.
  *
  * Every task stack is fenced by an inaccessible guard page below and above
@@ -34,21 +35,32 @@
 
 #pragma GCC visibility push(default)
 
+/** Task priority as the attribute records count it: 0 is the most urgent. */
 typedef uint32_t KVOS_TASK_PRI;
+/** Handle of a task: its thread. */
 typedef pthread_t KVOS_TASK_ID;
+/** The null task handle: what KVOS_taskCreate returns on failure. */
 #define KVOS_NO_TASK_ID ((KVOS_TASK_ID)-1)
 
+/** Scheduler choice kept in a task attribute record; it is stored and returned only, the policy
+ * follows from the process's privileges (see the file note). */
 typedef enum KVOS_SCHED_TYPE {
     KVOS_SCHED_DEFAULT = 0,
     KVOS_SCHED_RR = 1,
     KVOS_SCHED_OTHER = 2
 } KVOS_SCHED_TYPE;
 
+/** Capacity of a task name, terminator included. */
 #define KVOS_TASK_NAME_LEN 20
+/** The smallest task stack in bytes; smaller sizes are raised to it. */
 #define KVOS_TASK_MIN_STACK 16384u
+/** Bytes of every task's alternate signal stack. */
 #define KVOS_SIGNAL_STACK_SIZE 1024000u
+/** The word fresh stacks are filled with, so that their deepest use can be measured. */
 #define KVOS_STACK_MARKER 0xdadefee1u
 
+/** Attributes of a task to create. Obtain one from KVOS_taskAttrCreate (all zeroes: priority 0,
+ * empty name, default scheduler, minimum stack) and set it through the calls below. */
 typedef struct TaskAttrInternal {
     KVOS_TASK_PRI priority;
     char taskName[KVOS_TASK_NAME_LEN];
@@ -56,9 +68,10 @@ typedef struct TaskAttrInternal {
     uint32_t stackSize;
     uint32_t stackSegment;
 } TaskAttrInternal;
+/** The attribute record as callers name it. */
 typedef TaskAttrInternal KVOS_TASK_ATTR;
 
-/* One task-list entry; also the reaper's message, with `taken` as the
+/** One task-list entry; also the reaper's message, with `taken` as the
  * command (0 thread starting, 1 thread exiting). */
 typedef struct ThreadInfo {
     int32_t taken;
@@ -71,44 +84,81 @@ typedef struct ThreadInfo {
     size_t signalStackSize;
 } ThreadInfo;
 
+/** Entry of a task; it runs with the argument given to KVOS_taskCreate and the task ends when it
+ * returns. */
 typedef void (*KVOS_TASK_ENTRY)(void* arg);
+/** Line sink of the task dump: (arg, text, length). */
 typedef int (*KVOS_TASK_OUT_FUNC)(int arg, const void* text, unsigned length);
 
 /* Attributes. All but the name setter assert "attr != NULL". */
+/** A new, zeroed attribute record owned by the caller; release it with KVOS_taskAttrDestroy.
+ * Running out of memory is fatal. */
 KVOS_TASK_ATTR* KVOS_taskAttrCreate(void);
+/** Frees a record from KVOS_taskAttrCreate. */
 void KVOS_taskAttrDestroy(KVOS_TASK_ATTR* attr);
+/** Sets the priority (0 most urgent), used when the process runs as root. */
 void KVOS_taskAttrSetPriority(KVOS_TASK_ATTR* attr, KVOS_TASK_PRI priority);
+/** The priority set, 0 by default. */
 KVOS_TASK_PRI KVOS_taskAttrGetPriority(const KVOS_TASK_ATTR* attr);
-/* Keeps the first 19 characters. */
+/** Keeps the first 19 characters. */
 void KVOS_taskAttrSetName(KVOS_TASK_ATTR* attr, const char* name);
+/** The name set, empty by default; the text lives in the record. */
 const char* KVOS_taskAttrGetName(const KVOS_TASK_ATTR* attr);
+/** Stores the scheduler choice; it does not change how the task is scheduled. */
 void KVOS_taskAttrSetScheduler(KVOS_TASK_ATTR* attr, KVOS_SCHED_TYPE sched);
+/** The scheduler choice stored, KVOS_SCHED_DEFAULT by default. */
 KVOS_SCHED_TYPE KVOS_taskAttrGetScheduler(const KVOS_TASK_ATTR* attr);
-/* Asserts "stackSize % 1024 == 0"; 0 means the minimum, 16384. */
+/** Asserts "stackSize % 1024 == 0"; 0 means the minimum, 16384. */
 void KVOS_taskAttrSetStackSize(KVOS_TASK_ATTR* attr, unsigned stackSize);
+/** The stack size set, 0 (meaning the minimum) by default. */
 unsigned KVOS_taskAttrGetStackSize(const KVOS_TASK_ATTR* attr);
+/** Stores a stack segment number; kept for callers, not used on this platform. */
 void KVOS_taskAttrSetStackSegment(KVOS_TASK_ATTR* attr, unsigned segment);
+/** The stack segment number stored, 0 by default. */
 unsigned KVOS_taskAttrGetStackSegment(const KVOS_TASK_ATTR* attr);
 
 /* Tasks. KVOS_taskCreate returns the handle, or KVOS_NO_TASK_ID with the
  * error left for KVOS_lastError. */
+/** Starts a task running entry(arg) on a stack of the record's size (at least 16384 bytes) with the
+ * record's name and priority; the record may be released as soon as this returns. Returns the
+ * handle, or KVOS_NO_TASK_ID with the error left for KVOS_lastError. */
 KVOS_TASK_ID KVOS_taskCreate(KVOS_TASK_ENTRY entry, void* arg, KVOS_TASK_ATTR* attr);
+/** KVOS_taskCreate with the attributes given as arguments (the name cut to 19 characters, the stack
+ * size a multiple of 1024 or the process aborts). */
 KVOS_TASK_ID KVOS_taskCreateOld(KVOS_TASK_ENTRY entry, KVOS_TASK_PRI priority, void* arg,
                                 const char* name, int stackSize);
+/** Handle of the calling task (its thread). */
 KVOS_TASK_ID KVOS_taskID(void);
+/** Waits for the thread to end; true when it was joined. Tasks made by KVOS_taskCreate are joined
+ * by the reaper: do not join them as well. */
 bool KVOS_taskJoin(KVOS_TASK_ID tid);
+/** Kept for older callers: tasks never stop, so there is nothing to resume. Returns 1. */
 int KVOS_taskResume(KVOS_TASK_ID tid);
+/** Registers fn(arg) to run once when the calling task's entry returns or it calls KVOS_taskExit; a
+ * later registration replaces the earlier. Returns 1. */
 int KVOS_taskOnExit(void (*fn)(void*), void* arg);
+/** Ends the calling task after running its exit handler. The task stays listed and its stacks are
+ * not released (see the file note). */
 void KVOS_taskExit(void) __attribute__((noreturn));
+/** Yields the processor; the system's result (0). */
 int KVOS_taskRelinquish(void);
+/** Pins the thread to the one processor `cpu` (counted from 0); true on success, false when the
+ * system refuses, for example for a processor that does not exist. */
 bool KVOS_setAffinity(KVOS_TASK_ID tid, unsigned long cpu);
+/** Sends SIGUSR1 to every other listed task, 200 ms apart, for a handler that prints backtraces;
+ * walks the task list without its lock, so use it while the process is going down. */
 void KVOS_taskBacktraceAllOtherTasks(void);
+/** Cancels every other listed task, then sleeps two seconds so they can unwind; returns the sleep's
+ * result. Backs KVOS_cleanup. */
 int kvos_task_cancel_all(void);
+/** Starts the reaper task and its queue; KVOS_init calls it once, before any task is created. */
 void kvos_task_init(void);
 
-/* Task list dump: one line per task, then "List info: ...". */
+/** Task list dump: one line per task, then "List info: ...". */
 void KVOS_taskDump(std::ostream& os);
+/** The same dump, handed to out(arg, text, length) in one piece. */
 void KVOS_taskDump(KVOS_TASK_OUT_FUNC out, int arg);
+/** KVOS_taskDump to out with arg, in the argument order of older callers. */
 void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
 
 #pragma GCC visibility pop
@@ -119,18 +169,18 @@ void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
  * library.
  */
 
-/* Task list. registerTask takes over `name` (a heap copy). */
+/** Task list. registerTask takes over `name` (a heap copy). */
 void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize,
                   void* signalStack, size_t signalStackSize);
 void unregisterTask(int pid, KVOS_TASK_ID tid);
-/* Walks the list without its lock. */
+/** Walks the list without its lock. */
 void taskList_foreach(void (*fn)(ThreadInfo*));
-/* Entries now listed, and the running counters; read under the lock. */
+/** Entries now listed, and the running counters; read under the lock. */
 size_t kvos_taskListSize(void);
 size_t kvos_taskListAdditions(void);
 size_t kvos_taskListRemovals(void);
 
-/* Stacks. allocate_stack returns the lowest usable address, or null. */
+/** Stacks. allocate_stack returns the lowest usable address, or null. */
 void* allocate_stack(size_t size);
 void deallocate_stack(void* stack, size_t size);
 size_t check_stack_usage(void* stack, size_t size);

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * kvlog: the system's logging front end over log4cxx.
  *
  * Every subsystem logs through named loggers that form one dotted hierarchy
@@ -30,9 +31,10 @@
 
 namespace kvlog {
 
+/** A shared handle of a log4cxx logger; loggers live as long as the process. */
 using LoggerPtr = log4cxx::LoggerPtr;
 
-/* Lower value = more severe. */
+/** Lower value = more severe. */
 enum eKVLogLevel {
     KVLOG_LEVEL_FATAL = 0,
     KVLOG_LEVEL_ERROR = 1,
@@ -43,19 +45,24 @@ enum eKVLogLevel {
     KVLOG_NUM_LEVELS = 6
 };
 
+///@{
+/** Name of the root logger, and of the five hierarchy roots below it. */
 constexpr char rootModuleName[] = "root";
 constexpr char adminstratorHierarchy[] = "administrator";
 constexpr char developerHierarchy[] = "developer";
 constexpr char networkHierarchy[] = "network";
 constexpr char configHierarchy[] = "config";
 constexpr char unittestHierarchy[] = "unittest";
+///@}
 
+/** Directory where every logger name gets an empty file of that name. */
 constexpr char LOGGER_REGISTRATION_PATH[] = "/tmp/management/logging/";
-/* A path limit of 4096, less the registration path and a terminator: module
+/** A path limit of 4096, less the registration path and a terminator: module
  * names must be shorter than this. */
 constexpr std::size_t MAX_MODULE_NAME_LENGTH = 4096 - (sizeof(LOGGER_REGISTRATION_PATH) - 1) - 1;
 
-/*
+///@{
+/**
  * Logger factories. Each returns a non-null logger and records its name in
  * the registration directory. The name must be shorter than
  * MAX_MODULE_NAME_LENGTH; a longer one, or a registration directory or file
@@ -71,21 +78,25 @@ LoggerPtr getNetworkLogger(const std::string& moduleName);
 LoggerPtr getDeveloperLogger(const std::string& moduleName);
 LoggerPtr getConfigLogger(const std::string& moduleName);
 LoggerPtr getUnitTestLogger(const std::string& moduleName);
-/* The "developer" root itself. */
+///@}
+/** The "developer" root itself. */
 LoggerPtr getRootDeveloperLogger();
-/* parent's name + "." + childName, case kept. A null parent or an empty child
+/** parent's name + "." + childName, case kept. A null parent or an empty child
  * name is a programming fault (C assertion). */
 LoggerPtr getChildLogger(const LoggerPtr& parentlogger, const std::string& childname);
 
-/* False for a null logger, else the logger's own answer. */
+///@{
+/** False for a null logger, else the logger's own answer. */
 bool isTraceEnabled(const LoggerPtr& logger);
 bool isDebugEnabled(const LoggerPtr& logger);
 bool isInfoEnabled(const LoggerPtr& logger);
 bool isWarnEnabled(const LoggerPtr& logger);
 bool isErrorEnabled(const LoggerPtr& logger);
 bool isFatalEnabled(const LoggerPtr& logger);
+///@}
 
-/*
+///@{
+/**
  * Level mapping. kvlog to log4cxx gives the log4cxx integer of ERROR..TRACE;
  * any other input, FATAL included, gives 2, which is no log4cxx level and so
  * reads back as log4cxx's default (DEBUG). FATAL is never assigned this way.
@@ -94,18 +105,20 @@ bool isFatalEnabled(const LoggerPtr& logger);
  */
 int mapKVLogLevelToLog4cxxLevel(eKVLogLevel level);
 eKVLogLevel mapLog4cxxLevelToKVLogLevel(int level);
+///@}
 
-/* "root", or a name that begins with one of the five roots (a plain prefix
+/** "root", or a name that begins with one of the five roots (a plain prefix
  * test) and consists of ASCII letters, digits, "_" and "." only. */
 bool isLegalModuleName(const std::string& name);
 
-/*
+/**
  * Logs " Entering function=\"name\"" at TRACE when constructed and
  * " Leaving function=\"name\"" when destroyed, each only if TRACE is enabled
  * at that moment. functionName is borrowed and must outlive the tracer.
  */
 class MethodTracer {
 public:
+    /** Logs the entry line at TRACE if enabled; the destructor logs the leaving line. */
     MethodTracer(const LoggerPtr& logger, const char* functionName);
     ~MethodTracer();
     MethodTracer(const MethodTracer&) = delete;
@@ -118,19 +131,22 @@ private:
 
 class DebugAppender;
 
-/*
+/**
  * Captures what is logged to "unittest." + the lower-cased module name (and
  * its descendants) for the helper's lifetime.
  */
 class TestLogHelper {
 public:
+    /** Attaches an in-memory appender to the logger "unittest." + the lower-cased moduleName; the
+     * destructor detaches it. */
     explicit TestLogHelper(const std::string& moduleName);
     ~TestLogHelper();
     TestLogHelper(const TestLogHelper&) = delete;
     TestLogHelper& operator=(const TestLogHelper&) = delete;
 
+    /** The captured logger: log through it (or its children) to have records captured. */
     LoggerPtr getLogger() const;
-    /* Everything captured since construction, in order. */
+    /** Everything captured since construction, in order. */
     std::string getAllLoggedMessages() const;
 
 private:
@@ -143,7 +159,7 @@ private:
 namespace kvlog {
 namespace detail {
 
-/* The logging call of the level macros. A record that cannot be written
+/** The logging call of the level macros. A record that cannot be written
  * never reaches the caller as an exception: log4cxx 1.0 file appenders let
  * I/O errors (a full disk, /dev/full) escape from the logging call, which
  * would end a thread that merely logged. Only std::exception is caught, so
@@ -161,7 +177,8 @@ inline void forcedLog(const LoggerPtr& logger, const log4cxx::LevelPtr& level, c
 } // namespace detail
 } // namespace kvlog
 
-/* One macro per level: thin wrappers over log4cxx's own, so a disabled level
+///@{
+/** One macro per level: thin wrappers over log4cxx's own, so a disabled level
  * costs one check and formats nothing. `message` is a stream expression; it
  * is built outside the guard, so an exception the caller's own expression
  * throws (`v.at(3)`) reaches the caller. */
@@ -179,8 +196,9 @@ inline void forcedLog(const LoggerPtr& logger, const log4cxx::LevelPtr& level, c
 #define KVLOG_WARN(logger, message) KVLOG_LOG_(logger, isWarnEnabledFor, getWarn, message)
 #define KVLOG_ERROR(logger, message) KVLOG_LOG_(logger, isErrorEnabledFor, getError, message)
 #define KVLOG_FATAL(logger, message) KVLOG_LOG_(logger, isFatalEnabledFor, getFatal, message)
+///@}
 
-/* Traces entry to and exit from the enclosing function. */
+/** Traces entry to and exit from the enclosing function. */
 #define KVLOG_TRACE_METHOD(logger) ::kvlog::MethodTracer kvlogMethodTracer_(logger, __func__)
 
 #pragma GCC visibility pop

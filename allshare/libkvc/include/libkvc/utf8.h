@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * UTF-8 case mapping, in place and bounded by a byte length.
  *
  * The mapped form of a string can be longer than the original ("İ" lowers to
@@ -15,13 +16,15 @@
 extern "C" {
 #endif
 
-/* Replaces the first iLen bytes of s (or up to its terminator) by their lower-
+///@{
+/** Replaces the first iLen bytes of s (or up to its terminator) by their lower-
  * or upper-case form when that is no longer than iLen bytes. The result is
  * terminated when it is shorter than iLen. */
 void kvclib_utf8tolower(char* s, int iLen);
 void kvclib_utf8toupper(char* s, int iLen);
+///@}
 
-/* Compares the lower-case forms of the first n bytes of a and b, byte-wise
+/** Compares the lower-case forms of the first n bytes of a and b, byte-wise
  * over n bytes. If a working buffer cannot be allocated the strings are
  * reported equal (0): callers use it for matching, not for access control. */
 int kvclib_utf8strncasecmp(const char* a, const char* b, unsigned int n);

@@ -43,6 +43,7 @@ typedef enum UNITTEST_TYPE {
     UNITTEST_TYPE_ALL = 7
 } UNITTEST_TYPE;
 
+/** A unit: a function that makes checks and takes nothing. */
 typedef void (*unittest_func)(void);
 
 /* Begins a unit: names it (cut to 64 characters; a null name keeps the
@@ -67,9 +68,13 @@ void unittest_workInProgress_(const char* file, unsigned int line, const char* e
 /* Prints "unit/test: message" when the current mode is at least `mode`. */
 void unittest_log(UNITTEST_MODE mode, const char* message);
 
+/** Failed checks of the current unit so far. */
 uint32_t unittest_errors(void);
+/** Failed work-in-progress checks of the current unit so far. */
 uint32_t unittest_numWorkInProgress(void);
+/** Checks of the current unit so far, of every kind. */
 uint32_t unittest_tests(void);
+/** Number of the last check inside the current test (it restarts with unittest_context). */
 uint32_t unittest_step(void);
 
 #define unittest_assert(expr) unittest_assert_(__FILE__, __LINE__, #expr, (expr) ? 1 : 0)
@@ -99,6 +104,8 @@ void unittest_list(FILE* stream);
  * those containing it ignoring case. */
 struct testMatcher {
     const char* m_PartialTestName = nullptr;
+    /** True when unitName is selected: always without a fragment, else when it contains the
+     * fragment ignoring case. */
     bool matches(const char* unitName) const;
 };
 
@@ -107,8 +114,11 @@ struct testMatcher {
  * when at least one unit ran and none failed. */
 bool unittest_runAllMatching(FILE* stream, UNITTEST_MODE mode, UNITTEST_TYPE type,
                              const testMatcher& matcher, uint32_t& errorTotal);
+/** unittest_runAllMatching for the units whose names contain partialName ignoring case (all of them
+ * when it is null). */
 bool unittest_run(FILE* stream, const char* partialName, UNITTEST_MODE mode, UNITTEST_TYPE type,
                   uint32_t& errorTotal);
+/** unittest_runAllMatching for every unit of the type. */
 bool unittest_runAll(FILE* stream, UNITTEST_MODE mode, UNITTEST_TYPE type, uint32_t& errorTotal);
 
 /* Registers the product's units, then acts on the options in the order given:

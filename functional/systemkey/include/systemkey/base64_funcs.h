@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Base64 (RFC 4648 alphabet, "=" padding, no line breaks) with size checks.
  *
  * Contracts:
@@ -15,19 +16,19 @@
 
 #pragma GCC visibility push(default)
 
-/* (length + 2) / 3 * 4 + 1: the encoded length plus a terminating zero. */
+/** (length + 2) / 3 * 4 + 1: the encoded length plus a terminating zero. */
 int calcRequiredBase64EncodeBufferSize(uint64_t length);
-/* (length + 3) / 4 * 3: the most bytes `length` characters decode to. */
+/** (length + 3) / 4 * 3: the most bytes `length` characters decode to. */
 int calcRequiredBase64DecodeBufferSize(uint64_t length);
 
-/* Encodes inLen bytes (0 allowed) into `out` and terminates it. Returns the
+/** Encodes inLen bytes (0 allowed) into `out` and terminates it. Returns the
  * number of characters, not counting the terminator, or -1 for a null
  * buffer, a negative length, or a capacity below
  * calcRequiredBase64EncodeBufferSize(inLen). */
 __attribute__((warn_unused_result)) int base64Encode(const unsigned char* in, int inLen,
                                                      char* out, int outCap);
 
-/* Decodes inLen characters into `out`. Returns the number of bytes, with the
+/** Decodes inLen characters into `out`. Returns the number of bytes, with the
  * trailing "=" padding discounted, or a negative value for a null buffer, a
  * negative length, a capacity below calcRequiredBase64DecodeBufferSize(inLen),
  * fewer than two characters before the padding, or text the decoder refuses.

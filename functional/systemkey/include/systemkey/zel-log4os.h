@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The crypto module's log bridge.
  *
  * The crypto code must not depend on the main logging subsystem, so it logs
@@ -29,18 +30,23 @@
 
 #pragma GCC visibility push(default)
 
+/** Lets the compiler check the format against its arguments. */
 #define ZEL_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
 
-/* Logs one message (see the contracts above). */
+///@{
+/** Logs one message (see the contracts above). */
 void zel_syslog(const char* module, int priority, const char* format, ...) ZEL_PRINTF(3, 4);
 void zel_vsyslog(const char* module, int priority, const char* format, va_list args)
     ZEL_PRINTF(3, 0);
+///@}
 
-/* Builds the message line without logging it or looking at the levels.
+///@{
+/** Builds the message line without logging it or looking at the levels.
  * Returns text allocated with malloc; the caller frees it. */
 char* zel_logmessage(const char* module, int priority, const char* format, ...) ZEL_PRINTF(3, 4);
 char* zel_vlogmessage(const char* module, int priority, const char* format, va_list args)
     ZEL_PRINTF(3, 0);
+///@}
 
 #pragma GCC visibility pop
 #endif

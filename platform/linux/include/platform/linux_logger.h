@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The loggers of the OS abstraction and the platform glue. Each is created on
  * first call (thread-safe) and kept for the life of the process.
  */
@@ -9,9 +10,9 @@
 
 #pragma GCC visibility push(default)
 
-/* "developer.abstraction" */
+/** "developer.abstraction" */
 kvlog::LoggerPtr getLinuxAbstractionLogger();
-/* "developer.platform" */
+/** "developer.platform" */
 kvlog::LoggerPtr getLinuxPlatformLogger();
 
 #pragma GCC visibility pop

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * A process-private counting semaphore that reports failures by throwing
  * CountingSemaphoreException. It may be shared by any threads of the
  * process.
@@ -19,17 +20,23 @@
 
 #pragma GCC visibility push(default)
 
+/** A counting semaphore for threads of one process (see the file note). Not copyable. */
 class CountingSemaphore {
 public:
-    /* Throws for "sem_init" (for example more than SEM_VALUE_MAX tokens). */
+    /** Throws for "sem_init" (for example more than SEM_VALUE_MAX tokens). */
     explicit CountingSemaphore(unsigned initial);
-    /* A failure to destroy cannot leave the destructor: it ends the
+    /** A failure to destroy cannot leave the destructor: it ends the
      * process. */
     ~CountingSemaphore();
 
+    /** Takes a token, waiting until one is there. With retryAndThrow, interrupted waits are
+     * repeated and any other failure throws CountingSemaphoreException("sem_wait"); without it, a
+     * failed wait returns as if a token had been taken. */
     void acquire(bool retryAndThrow);
-    /* Throws for "sem_post" (for example beyond SEM_VALUE_MAX). */
+    /** Throws for "sem_post" (for example beyond SEM_VALUE_MAX). */
     void release();
+    /** Tokens now available; throws CountingSemaphoreException("sem_getvalue") when they cannot be
+     * read. */
     int getValue() const;
 
     CountingSemaphore(const CountingSemaphore&) = delete;
@@ -39,7 +46,7 @@ private:
     mutable sem_t mSemaphore;
 };
 
-/* Writes getValue() in decimal. */
+/** Writes getValue() in decimal. */
 std::ostream& operator<<(std::ostream& os, const CountingSemaphore& s);
 
 #pragma GCC visibility pop

@@ -16,6 +16,8 @@
 
 #pragma GCC visibility push(default)
 
+/** Base of an object-style test (see the file note). Derive from it, implement run() and check with
+ * ITEST_CHECK. */
 class ITest {
 public:
     ITest() = default;
@@ -26,7 +28,9 @@ public:
     /* Forgets earlier results; TestSuite calls it before every run. */
     virtual void reset();
 
+    /** Checks passed since the last reset. */
     uint32_t getNumPassed() const { return mNumPass; }
+    /** Checks failed since the last reset. */
     uint32_t getNumFailed() const { return mNumFail; }
     /* Prints "Passed: P\tFailed: F" through unittest_log (SUMMARY mode). */
     void report() const;

@@ -20,6 +20,7 @@
 
 #pragma GCC visibility push(default)
 
+/** A named list of ITest objects run and reported together (see the file note for ownership). */
 class TestSuite {
 public:
     static constexpr size_t MAX_STRING_SIZE = 100;
@@ -27,21 +28,27 @@ public:
     /* Keeps at most MAX_STRING_SIZE - 1 characters of the name. */
     explicit TestSuite(const char* name);
 
+    /** Appends the test; the suite keeps its address, the caller keeps ownership. */
     void addTest(ITest& test);
+    /** Appends the test; the suite keeps the pointer, the caller keeps ownership until free(). */
     void addTest(ITest* test);
     /* Appends every test of other, in its order; no duplicate check. */
     void addSuite(const TestSuite& other);
 
     /* Resets every test, then runs them in the order added. */
     void run();
+    /** Passed checks of all tests since their last reset. */
     uint32_t getNumPassed() const;
+    /** Failed checks of all tests since their last reset. */
     uint32_t getNumFailed() const;
     /* Prints the header, one "Passed/Failed" line per test and the total;
      * returns the total of failures. */
     uint32_t report() const;
     /* Deletes every test and nulls its entry; the list keeps its length. */
     void free();
+    /** The suite's name, as kept by the constructor. */
     const char* getName() const { return mSuiteName; }
+    /** Entries in the list, freed ones included. */
     size_t size() const { return mTestsVec.size(); }
 
 private:
