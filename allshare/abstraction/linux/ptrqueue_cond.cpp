@@ -92,12 +92,12 @@ inline QueueRecord* record(ptrqueue_t* q)
     return reinterpret_cast<QueueRecord*>(q);
 }
 
-/* How long a thread polls a held qLock before it blocks: about
- * the longest regular hold (a put or get that wakes a waiter, a system call
- * included), well below a sleep and a wake-up. Throughput was flat from 1
- * to 20 microseconds; the shorter, the less is lost to a preempted owner. */
 const bool kMultiProcessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
 
+/* How long a thread polls a held qLock before it blocks: about the longest
+ * regular hold (a put or get that wakes a waiter, a system call included),
+ * well below a sleep and a wake-up. Throughput was flat from 1 to 20
+ * microseconds; the shorter, the less is lost to a preempted owner. */
 constexpr long long kSpinNs = 2000;
 
 inline void cpuRelax()
@@ -175,7 +175,6 @@ private:
     ptrqueue_t* q_;
     int err_;
 };
-
 
 /* One wait round: counts the round and registers the waiter for its
  * duration; on the way out (woken, timed out or cancelled) it also takes
