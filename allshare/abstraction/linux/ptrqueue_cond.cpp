@@ -100,6 +100,9 @@ const bool kMultiProcessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
  * microseconds; the shorter, the less is lost to a preempted owner. */
 constexpr long long kSpinNs = 2000;
 
+/* Most pauses between two tries after a lost race (doubling from one). */
+constexpr unsigned kMaxBackoff = 32;
+
 inline void cpuRelax()
 {
 #if defined(__x86_64__) || defined(__i386__)
@@ -128,12 +131,19 @@ inline bool looksFree(pthread_mutex_t* m)
 bool spinLock(pthread_mutex_t* m)
 {
     long long deadline = 0;
+    unsigned backoff = 1;
     for (unsigned polls = 0;; ++polls) {
         if (looksFree(m)) {
             int err = pthread_mutex_trylock(m);
             if (err != EBUSY) {
                 return err == 0;
             }
+            // Lost the race for a free lock: the line bounces between the
+            // processors, so wait longer before each next try.
+            for (unsigned i = 1; i < backoff; ++i) {
+                cpuRelax();
+            }
+            backoff = backoff < kMaxBackoff ? backoff * 2 : backoff;
         }
         cpuRelax();
         if (polls % 16 == 0) {  // the clock costs more than a poll
