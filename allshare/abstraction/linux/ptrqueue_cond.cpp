@@ -12,7 +12,7 @@
  *  - Timed waits compute the deadline with ms * 1000000 in signed 32-bit
  *    arithmetic (see the header: the wrap is kept).
  *
- * Locking qLock: spin briefly, then block.
+ * Locking qLock: a real-time thread spins briefly, then blocks.
  * Every operation holds qLock for well under a microsecond (a few when it
  * wakes a waiter). Unlocking a priority-inheriting mutex (root) that has a
  * waiter in the kernel hands the ownership to that waiter while it is
@@ -20,23 +20,27 @@
  * producer and a consumer on two processors collide, they fall into a
  * convoy where every put and get costs a lock and an unlock system call
  * and a context switch: about 70 times slower than the same queue without
- * the protocol. Polling the lock word for a bounded time
- * (2 microseconds) before the blocking lock keeps the hand-offs in user
- * space. Priority inheritance is kept: a thread that has to block blocks
- * in the kernel on the same mutex and lends its priority to the owner as
- * before; what it may lose to a preempted owner is one spin. The budget
- * is kept short because on a busy machine the owner of an ordinary
- * thread's lock is often preempted, and the spin then only burns time.
- * Without the protocol a blocked locker costs one wake-up and no hand-off,
- * so ordinary users' queues never spin; nor does anything on a single
- * processor. A lock call replaced through the seams (tests) is used as it
- * stands.
+ * the protocol. Polling the lock word for a bounded time (2 microseconds)
+ * before the blocking lock keeps the hand-offs in user space. Priority
+ * inheritance is kept: a thread that has to block blocks in the kernel on
+ * the same mutex and lends its priority to the owner as before; what it
+ * may lose to a preempted owner is one spin.
+ * Only real-time callers spin, which as root is every KVOS task: nothing
+ * of ordinary priority preempts a real-time owner, so a short spin almost
+ * always finds the lock released. An ordinary thread's lock owner is often
+ * preempted on a busy machine, and spinning then takes the processor the
+ * owner needs; measured, it cost such threads more than the convoys it
+ * saved them. Without the protocol a blocked locker costs one wake-up and
+ * no hand-off, so ordinary users' queues never spin; nor does anything on
+ * a single processor. A lock call replaced through the seams (tests) is
+ * used as it stands.
  *
  * Wake-ups: a put (get) signals a waiter only while more threads wait than
  * wakes are under way (see QueueRecord), not again for every entry that
  * comes before the woken thread runs.
  */
 #include <errno.h>
+#include <sched.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
@@ -80,7 +84,7 @@ struct alignas(kCacheLine) QueueRecord {
     uint32_t emptyWakesInFlight;
     uint32_t fullWakesInFlight;
     /* qLock is priority-inheriting and there is more than one processor:
-     * spin before blocking on it (see the top of the file). */
+     * real-time callers spin before blocking on it (top of the file). */
     bool spinBeforeBlocking;
 };
 static_assert(offsetof(QueueRecord, pub) == 0, "a handle is the address of the record");
@@ -94,10 +98,11 @@ inline QueueRecord* record(ptrqueue_t* q)
 
 const bool kMultiProcessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
 
-/* How long a thread polls a held qLock before it blocks: about the longest
- * regular hold (a put or get that wakes a waiter, a system call included),
- * well below a sleep and a wake-up. Throughput was flat from 1 to 20
- * microseconds; the shorter, the less is lost to a preempted owner. */
+/* How long a real-time thread polls a held qLock before it blocks: about
+ * the longest regular hold (a put or get that wakes a waiter, a system
+ * call included), well below a sleep and a wake-up. Throughput was flat
+ * from 1 to 20 microseconds; the shorter, the less is lost to a preempted
+ * owner. */
 constexpr long long kSpinNs = 2000;
 
 /* Most pauses between two tries after a lost race (doubling from one). */
@@ -126,6 +131,20 @@ inline bool looksFree(pthread_mutex_t* m)
     return __atomic_load_n(&m->__data.__lock, __ATOMIC_RELAXED) == 0;
 }
 
+/* Whether the calling thread runs under a real-time policy. Asked of the
+ * kernel on the first and then every 64th call, since a thread may change
+ * its own policy; KVOS itself sets it once, at task creation. */
+bool callerIsRealTime()
+{
+    thread_local unsigned calls = 0;
+    thread_local bool realTime = false;
+    if (calls++ % 64 == 0) {
+        int policy = sched_getscheduler(0);
+        realTime = policy == SCHED_RR || policy == SCHED_FIFO;
+    }
+    return realTime;
+}
+
 /* Polls qLock until it is taken or the spin time is up; true when taken.
  * Leaves anything but "busy" to the blocking call, which reports it. */
 bool spinLock(pthread_mutex_t* m)
@@ -144,6 +163,9 @@ bool spinLock(pthread_mutex_t* m)
                 cpuRelax();
             }
             backoff = backoff < kMaxBackoff ? backoff * 2 : backoff;
+        }
+        if (polls == 0 && !callerIsRealTime()) {
+            return false;
         }
         cpuRelax();
         if (polls % 16 == 0) {  // the clock costs more than a poll
