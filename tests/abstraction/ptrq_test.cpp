@@ -384,7 +384,8 @@ TEST(KvosPtrqTest, BlockingProducersAndConsumersPassEveryEntryOnceInOrder)
             for (uintptr_t v : received[k]) {
                 unsigned pr = static_cast<unsigned>(v >> 32), seq = static_cast<unsigned>(v);
                 ASSERT_TRUE(pr < c.producers && seq < c.perProducer) << v;
-                ASSERT_GT(static_cast<long>(seq), last[pr]) << "consumer " << k << " got producer " << pr << " out of order";
+                ASSERT_GT(static_cast<long>(seq), last[pr])
+                    << "consumer " << k << " got producer " << pr << " out of order";
                 last[pr] = seq;
                 ++seen[pr][seq];
             }
