@@ -5,6 +5,9 @@
  *    condition variables, no statistics, no registry) and a lock-free
  *    single-producer queue as the limit;
  *  - ping-pong round trips through two queues, KVOS and bare;
+ *    as root, the queue benchmarks run twice: with the threads' default
+ *    policy (rt:0) and with both threads under the round-robin real-time
+ *    policy that KVOS tasks get (rt:1), the KVOS and the bare queues alike;
  *  - an uncontended KVOS_mutexLock + KVOS_mutexUnlock against a raw
  *    error-checking pthread mutex;
  *  - a task created, run and reaped against pthread_create + pthread_join,
@@ -30,6 +33,58 @@ namespace {
 
 constexpr unsigned kQueueLength = 1024;
 void* const kStop = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
+
+const bool kRoot = geteuid() == 0;
+
+/* The calling thread under the real-time policy of KVOS tasks for the
+ * scope, when asked to and allowed to (root). Both queue threads use it,
+ * so the KVOS and the bare queues meet the same scheduler. */
+class RealTimeScope {
+public:
+    explicit RealTimeScope(bool wanted)
+    {
+        active_ = wanted && kRoot && pthread_getschedparam(pthread_self(), &policy_, &param_) == 0;
+        if (active_) {
+            struct sched_param rr = {};
+            rr.sched_priority = 50;
+            active_ = pthread_setschedparam(pthread_self(), SCHED_RR, &rr) == 0;
+        }
+    }
+    ~RealTimeScope()
+    {
+        if (active_) {
+            pthread_setschedparam(pthread_self(), policy_, &param_);
+        }
+    }
+    RealTimeScope(const RealTimeScope&) = delete;
+    RealTimeScope& operator=(const RealTimeScope&) = delete;
+
+private:
+    bool active_ = false;
+    int policy_ = SCHED_OTHER;
+    struct sched_param param_ = {};
+};
+
+/* rt:0 always; rt:1 (real-time threads) only where it can be had. */
+void kvosArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"rt"});
+    for (int rt = 0; rt <= (kRoot ? 1 : 0); ++rt) {
+        b->Arg(rt);
+    }
+}
+
+/* bare:0 compact fields, default mutex; bare:1 compact, the KVOS mutex
+ * attributes; bare:2 the KVOS record's field order and mutex attributes. */
+void bareArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"bare", "rt"});
+    for (int rt = 0; rt <= (kRoot ? 1 : 0); ++rt) {
+        for (int bare = 0; bare <= 2; ++bare) {
+            b->Args({bare, rt});
+        }
+    }
+}
 
 /* Field orders of the baseline: compact (hot fields in one cache line) and
  * the KVOS record's order (size, then the two condition variables, then the
@@ -69,7 +124,7 @@ public:
         pthread_mutexattr_init(&mattr);
         if (sameLock) {
             pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_ERRORCHECK);
-            if (geteuid() == 0) {
+            if (kRoot) {
                 pthread_mutexattr_setprotocol(&mattr, PTHREAD_PRIO_INHERIT);
             }
         }
@@ -128,8 +183,6 @@ public:
     }
 };
 
-/* Arg 0: compact, default mutex; 1: compact, the KVOS mutex attributes;
- * 2: the KVOS record's field order and mutex attributes. */
 template <typename Body>
 void withBareQueue(benchmark::State& state, unsigned length, Body body)
 {
@@ -156,8 +209,11 @@ void kvosInit()
 
 void BM_Throughput_KvosPtrq(benchmark::State& state)
 {
+    bool rt = state.range(0) != 0;
+    RealTimeScope policy(rt);
     KVOS_PTRQ_ID q = KVOS_ptrqCreate("BENCHQ", kQueueLength);
-    std::thread consumer([q] {
+    std::thread consumer([q, rt] {
+        RealTimeScope consumerPolicy(rt);
         void* p = nullptr;
         while (KVOS_ptrqPend(q, &p) == 1 && p != kStop) {
         }
@@ -173,12 +229,15 @@ void BM_Throughput_KvosPtrq(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
     KVOS_ptrqDelete(q);
 }
-BENCHMARK(BM_Throughput_KvosPtrq)->UseRealTime();
+BENCHMARK(BM_Throughput_KvosPtrq)->Apply(kvosArgs)->UseRealTime();
 
 void BM_Throughput_BareQueue(benchmark::State& state)
 {
-    withBareQueue(state, kQueueLength, [&state](auto& q, auto&) {
-        std::thread consumer([&q] {
+    bool rt = state.range(1) != 0;
+    RealTimeScope policy(rt);
+    withBareQueue(state, kQueueLength, [&state, rt](auto& q, auto&) {
+        std::thread consumer([&q, rt] {
+            RealTimeScope consumerPolicy(rt);
             while (q.get() != kStop) {
             }
         });
@@ -191,7 +250,7 @@ void BM_Throughput_BareQueue(benchmark::State& state)
     });
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_Throughput_BareQueue)->Arg(0)->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_Throughput_BareQueue)->Apply(bareArgs)->UseRealTime();
 
 void BM_Throughput_LockfreeSpsc(benchmark::State& state)
 {
@@ -225,8 +284,11 @@ BENCHMARK(BM_Throughput_LockfreeSpsc)->UseRealTime();
 
 void BM_PingPong_KvosPtrq(benchmark::State& state)
 {
+    bool rt = state.range(0) != 0;
+    RealTimeScope policy(rt);
     KVOS_PTRQ_ID ping = KVOS_ptrqCreate("PINGQ", 4), pong = KVOS_ptrqCreate("PONGQ", 4);
-    std::thread echo([ping, pong] {
+    std::thread echo([ping, pong, rt] {
+        RealTimeScope echoPolicy(rt);
         void* p = nullptr;
         while (KVOS_ptrqPend(ping, &p) == 1 && p != kStop) {
             KVOS_ptrqPost(pong, p);
@@ -242,12 +304,15 @@ void BM_PingPong_KvosPtrq(benchmark::State& state)
     KVOS_ptrqDelete(ping);
     KVOS_ptrqDelete(pong);
 }
-BENCHMARK(BM_PingPong_KvosPtrq)->UseRealTime();
+BENCHMARK(BM_PingPong_KvosPtrq)->Apply(kvosArgs)->UseRealTime();
 
 void BM_PingPong_BareQueue(benchmark::State& state)
 {
-    withBareQueue(state, 4, [&state](auto& ping, auto& pong) {
+    bool rt = state.range(1) != 0;
+    RealTimeScope policy(rt);
+    withBareQueue(state, 4, [&state, rt](auto& ping, auto& pong) {
         std::thread echo([&] {
+            RealTimeScope echoPolicy(rt);
             void* p;
             while ((p = ping.get()) != kStop) {
                 pong.put(p);
@@ -261,7 +326,7 @@ void BM_PingPong_BareQueue(benchmark::State& state)
         echo.join();
     });
 }
-BENCHMARK(BM_PingPong_BareQueue)->Arg(0)->Arg(1)->Arg(2)->UseRealTime();
+BENCHMARK(BM_PingPong_BareQueue)->Apply(bareArgs)->UseRealTime();
 
 void BM_Mutex_Kvos(benchmark::State& state)
 {

@@ -1,5 +1,11 @@
 /* Pointer queues: both layers, statistics, the registry and its dump, the
  * timed waits with their kept 32-bit wrap, and failing system calls. */
+#include <sched.h>
+#include <stddef.h>
+
+#include <algorithm>
+#include <sstream>
+
 #include "support.h"
 
 using namespace kvos_test;
@@ -223,4 +229,327 @@ TEST(KvosPtrqTest, ACancelledWaiterLeavesTheQueueUsable)
     pthread_join(t, nullptr);
     EXPECT_EQ(0u, q.q->emptyWaiters);
     EXPECT_EQ(1, KVOS_ptrqPost(q.q, item(5)));  // the lock was given back
+}
+
+/* What the lock and wake-up shortcuts of the queue could break: entries
+ * lost, doubled or reordered; a waiter that no wake reaches; a lock held
+ * elsewhere not waited for; priority inheritance lost; timeouts. */
+namespace {
+
+/* The calling thread under the round-robin real-time policy of KVOS tasks
+ * (root only) for the scope. */
+class RealTime {
+public:
+    explicit RealTime(bool wanted, int priority = 10)
+    {
+        active_ = wanted && geteuid() == 0 && pthread_getschedparam(pthread_self(), &policy_, &saved_) == 0;
+        if (active_) {
+            struct sched_param rr = {};
+            rr.sched_priority = priority;
+            active_ = pthread_setschedparam(pthread_self(), SCHED_RR, &rr) == 0;
+        }
+    }
+    ~RealTime()
+    {
+        if (active_) {
+            pthread_setschedparam(pthread_self(), policy_, &saved_);
+        }
+    }
+    RealTime(const RealTime&) = delete;
+    RealTime& operator=(const RealTime&) = delete;
+
+private:
+    bool active_ = false;
+    int policy_ = SCHED_OTHER;
+    struct sched_param saved_ = {};
+};
+
+/* The kernel's scheduling priority of a thread (field 18 of its stat):
+ * 20 for an ordinary thread at nice 0, negative under a real-time policy or
+ * while a real-time thread's priority is lent to it. */
+int kernelPriority(int lwp)
+{
+    std::istringstream fields(threadStat(lwp));
+    std::string field;
+    for (int i = 0; i < 16 && fields >> field; ++i) {
+    }
+    return std::stoi(field);
+}
+
+/* Waits for done while the queue makes progress; fails and aborts rather
+ * than hang when nothing has moved for 10 s (a waiter never woken). */
+void finishOrAbort(const std::function<bool()>& done, ptrqueue_t* q, const char* what)
+{
+    auto moved = [q] {
+        pthread_mutex_lock(&q->qLock);
+        uint64_t n = uint64_t{q->numberInserted} + q->numberRemoved;
+        pthread_mutex_unlock(&q->qLock);
+        return n;
+    };
+    for (uint64_t last = moved(), idleMs = 0; !done(); idleMs += 10) {
+        usleep(10000);
+        if (uint64_t now = moved(); now != last) {
+            last = now;
+            idleMs = 0;
+        } else if (idleMs >= 10000) {
+            ADD_FAILURE() << what << ": stuck with size " << q->size << ", " << q->emptyWaiters
+                          << " waiting for entries, " << q->fullWaiters << " waiting for room";
+            abort();
+        }
+    }
+}
+
+}  // namespace
+
+// The field order of the record is part of the interface.
+static_assert(offsetof(ptrqueue_t, name) < offsetof(ptrqueue_t, length) &&
+                  offsetof(ptrqueue_t, length) < offsetof(ptrqueue_t, ringBuffer) &&
+                  offsetof(ptrqueue_t, ringBuffer) < offsetof(ptrqueue_t, clock_id) &&
+                  offsetof(ptrqueue_t, clock_id) < offsetof(ptrqueue_t, size) &&
+                  offsetof(ptrqueue_t, size) < offsetof(ptrqueue_t, notFull) &&
+                  offsetof(ptrqueue_t, notFull) < offsetof(ptrqueue_t, notEmpty) &&
+                  offsetof(ptrqueue_t, notEmpty) < offsetof(ptrqueue_t, qLock) &&
+                  offsetof(ptrqueue_t, qLock) < offsetof(ptrqueue_t, fullWaiters) &&
+                  offsetof(ptrqueue_t, fullWaiters) < offsetof(ptrqueue_t, emptyWaiters) &&
+                  offsetof(ptrqueue_t, emptyWaiters) < offsetof(ptrqueue_t, getIndex) &&
+                  offsetof(ptrqueue_t, getIndex) < offsetof(ptrqueue_t, putIndex) &&
+                  offsetof(ptrqueue_t, putIndex) < offsetof(ptrqueue_t, numberInserted) &&
+                  offsetof(ptrqueue_t, numberInserted) < offsetof(ptrqueue_t, numberRemoved) &&
+                  offsetof(ptrqueue_t, numberRemoved) < offsetof(ptrqueue_t, watermark) &&
+                  offsetof(ptrqueue_t, watermark) < offsetof(ptrqueue_t, timesFull) &&
+                  offsetof(ptrqueue_t, timesFull) < offsetof(ptrqueue_t, timesEmpty),
+              "ptrqueue_t keeps its field order");
+
+TEST(KvosPtrqTest, BlockingProducersAndConsumersPassEveryEntryOnceInOrder)
+{
+    // Entries are producer << 32 | seq, plus 1 so none is null. Producers
+    // block on a full queue, so nothing may be lost; consumers with a
+    // timeout of 1 ms keep timing out while wakes are on their way to
+    // others. As root the queue's lock inherits priorities, and the
+    // real-time rows run every thread as a KVOS task would.
+    struct Case {
+        unsigned producers, consumers, length, perProducer;
+        bool timedConsumers, realTime;
+    } cases[] = {
+        {1, 1, 1024, 100000, false, false}, {1, 1, 1024, 100000, false, true}, {4, 3, 8, 10000, true, false},
+        {4, 3, 8, 10000, true, true},       {3, 4, 1, 3000, false, false},     {3, 4, 1, 3000, true, true},
+    };
+    constexpr uintptr_t kStop = ~static_cast<uintptr_t>(0);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.producers << "x" << c.consumers << " through " << c.length
+                                          << (c.timedConsumers ? ", timed" : "") << (c.realTime ? ", real-time" : ""));
+        Queue q("SEQQ", c.length);
+        std::vector<std::vector<uintptr_t>> received(c.consumers);
+        std::atomic<unsigned> finished{0};
+        std::vector<std::thread> threads;
+        for (unsigned k = 0; k < c.consumers; ++k) {
+            threads.emplace_back([&, k] {
+                RealTime policy(c.realTime);
+                for (;;) {
+                    void* p = nullptr;
+                    int r = c.timedConsumers && k % 2 == 0 ? ptrqueue_timed_dequeue(q.q, &p, 1)
+                                                           : ptrqueue_dequeue(q.q, &p) - 1;
+                    if (r == -1) {
+                        continue;  // timed out
+                    }
+                    if (r != 0 || reinterpret_cast<uintptr_t>(p) == kStop) {
+                        break;
+                    }
+                    received[k].push_back(reinterpret_cast<uintptr_t>(p) - 1);
+                }
+                ++finished;
+            });
+        }
+        for (unsigned pr = 0; pr < c.producers; ++pr) {
+            threads.emplace_back([&, pr] {
+                RealTime policy(c.realTime);
+                for (unsigned seq = 0; seq < c.perProducer; ++seq) {
+                    ASSERT_EQ(1, ptrqueue_enqueue(q.q, reinterpret_cast<void*>((uintptr_t{pr} << 32 | seq) + 1)));
+                }
+                ++finished;
+            });
+        }
+        finishOrAbort([&] { return finished == c.producers; }, q.q, "producers");
+        for (unsigned k = 0; k < c.consumers; ++k) {
+            ASSERT_EQ(1, ptrqueue_enqueue(q.q, reinterpret_cast<void*>(kStop)));
+        }
+        finishOrAbort([&] { return finished == c.producers + c.consumers; }, q.q, "consumers");
+        for (auto& t : threads) {
+            t.join();
+        }
+
+        std::vector<std::vector<int>> seen(c.producers, std::vector<int>(c.perProducer, 0));
+        for (unsigned k = 0; k < c.consumers; ++k) {
+            std::vector<long> last(c.producers, -1);
+            for (uintptr_t v : received[k]) {
+                unsigned pr = static_cast<unsigned>(v >> 32), seq = static_cast<unsigned>(v);
+                ASSERT_TRUE(pr < c.producers && seq < c.perProducer) << v;
+                ASSERT_GT(static_cast<long>(seq), last[pr])
+                    << "consumer " << k << " got producer " << pr << " out of order";
+                last[pr] = seq;
+                ++seen[pr][seq];
+            }
+        }
+        for (unsigned pr = 0; pr < c.producers; ++pr) {
+            for (unsigned seq = 0; seq < c.perProducer; ++seq) {
+                ASSERT_EQ(1, seen[pr][seq]) << "producer " << pr << " seq " << seq << ": 0 lost, 2 doubled";
+            }
+        }
+        uint32_t total = c.producers * c.perProducer + c.consumers;
+        EXPECT_EQ(total, q.q->numberInserted);
+        EXPECT_EQ(total, q.q->numberRemoved);
+        EXPECT_EQ(0u, q.q->size);
+        EXPECT_LE(q.q->watermark, c.length);
+        EXPECT_EQ(0u, q.q->fullWaiters + q.q->emptyWaiters);
+    }
+}
+
+TEST(KvosPtrqTest, EveryWaiterIsWokenWhenEntriesOrRoomComeTogether)
+{
+    // k threads wait; k entries (or k free slots) then arrive back to back,
+    // before most of the woken can run. Each needs a wake of its own: one
+    // that is already on its way to another waiter does not count.
+    for (bool forRoom : {false, true}) {
+        for (unsigned k : {1u, 2u, 3u, 5u}) {
+            SCOPED_TRACE(::testing::Message() << k << (forRoom ? " blocked puts" : " blocked gets"));
+            Queue q("WAKEQ", forRoom ? 1 : 16);
+            if (forRoom) {
+                ASSERT_EQ(1, ptrqueue_try_enqueue(q.q, item(100)));
+            }
+            std::atomic<unsigned> done{0};
+            std::vector<uintptr_t> got(k, 0);
+            std::vector<std::thread> threads;
+            for (unsigned i = 0; i < k; ++i) {
+                threads.emplace_back([&, i] {
+                    void* p = nullptr;
+                    if (forRoom) {
+                        EXPECT_EQ(1, ptrqueue_enqueue(q.q, item(i + 1)));
+                    } else {
+                        EXPECT_EQ(1, ptrqueue_dequeue(q.q, &p));
+                        got[i] = reinterpret_cast<uintptr_t>(p);
+                    }
+                    ++done;
+                });
+            }
+            ASSERT_TRUE(waiters(q.q, k, forRoom));
+            std::vector<uintptr_t> taken;
+            if (forRoom) {
+                // Each get frees the one slot; a woken put refills it.
+                for (unsigned i = 0; i <= k; ++i) {
+                    void* p = nullptr;
+                    EXPECT_EQ(0, ptrqueue_timed_dequeue(q.q, &p, 2000)) << i;
+                    taken.push_back(reinterpret_cast<uintptr_t>(p));
+                }
+            } else {
+                for (unsigned i = 0; i < k; ++i) {
+                    EXPECT_EQ(1, ptrqueue_try_enqueue(q.q, item(i + 1)));
+                }
+            }
+            finishOrAbort([&] { return done == k; }, q.q, "waiters");
+            for (auto& t : threads) {
+                t.join();
+            }
+            std::vector<uintptr_t> expected;
+            for (unsigned i = 1; i <= k; ++i) {
+                expected.push_back(i);
+            }
+            if (forRoom) {
+                EXPECT_EQ(100u, taken.front());
+                taken.erase(taken.begin());
+                std::sort(taken.begin(), taken.end());
+                EXPECT_EQ(expected, taken);
+            } else {
+                std::sort(got.begin(), got.end());
+                EXPECT_EQ(expected, got);
+            }
+            EXPECT_EQ(0u, q.q->fullWaiters + q.q->emptyWaiters);
+        }
+    }
+}
+
+TEST(KvosPtrqTest, ALockHeldElsewhereIsWaitedForWithItsPriorityLent)
+{
+    // The queue's lock held for longer than any spin: the put must wait,
+    // not fail, and go in once the lock is free. As root the waiting
+    // real-time thread lends its priority to the ordinary holder.
+    Queue q("HELDQ", 4);
+    int holder = static_cast<int>(gettid());
+    int ownPriority = kernelPriority(holder);
+    ASSERT_EQ(0, pthread_mutex_lock(&q.q->qLock));
+    std::atomic<int> result{-2}, lwp{0};
+    std::thread poster([&] {
+        RealTime policy(true, 30);
+        lwp = static_cast<int>(gettid());
+        result = KVOS_ptrqPost(q.q, item(9));
+    });
+    ASSERT_TRUE(waitFor([&] { return lwp != 0 && threadStat(lwp)[0] == 'S'; }));
+    usleep(20000);
+    EXPECT_EQ(-2, result.load());
+    if (geteuid() == 0) {
+        EXPECT_EQ(-31, kernelPriority(holder)) << "real-time priority 30 lent to the holder";
+    } else {
+        EXPECT_EQ(ownPriority, kernelPriority(holder));
+    }
+    pthread_mutex_unlock(&q.q->qLock);
+    poster.join();
+    EXPECT_EQ(ownPriority, kernelPriority(holder));
+    EXPECT_EQ(1, result.load());
+    void* got = nullptr;
+    EXPECT_EQ(1, KVOS_ptrqCheck(q.q, &got));
+    EXPECT_EQ(item(9), got);
+
+    // The holder itself calling in is still refused by the error check.
+    ASSERT_EQ(0, pthread_mutex_lock(&q.q->qLock));
+    errno = 0;
+    EXPECT_EQ(0, KVOS_ptrqPost(q.q, item(10)));
+    EXPECT_EQ(EDEADLK, errno);
+    pthread_mutex_unlock(&q.q->qLock);
+    EXPECT_EQ(0u, q.q->size);
+}
+
+TEST(KvosPtrqTest, TimeoutsHoldWhileOthersHammerTheLock)
+{
+    // Another thread takes and releases the lock without pause (its tries
+    // find nothing to do), so the timed call has to win the lock before and
+    // after its wait; the timeout still comes after ms, not much later.
+    struct Case {
+        bool put;
+        int ms;
+        bool realTime;
+    } cases[] = {{false, 20, false}, {true, 20, false}, {false, 30, true}, {true, 30, true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << (c.put ? "put " : "get ") << c.ms << " ms"
+                                          << (c.realTime ? ", real-time" : ""));
+        Queue q("HAMMERQ", 1);
+        if (c.put) {
+            ASSERT_EQ(1, ptrqueue_try_enqueue(q.q, item(1)));
+        }
+        std::atomic<bool> stop{false};
+        std::atomic<unsigned> tries{0};
+        std::thread hammer([&] {
+            RealTime policy(c.realTime);
+            void* p;
+            while (!stop) {
+                EXPECT_EQ(0, c.put ? ptrqueue_try_enqueue(q.q, item(2)) : ptrqueue_try_dequeue(q.q, &p));
+                ++tries;
+            }
+        });
+        ASSERT_TRUE(waitFor([&] { return tries > 1000; }));
+        int r;
+        uint64_t took;
+        {
+            RealTime policy(c.realTime);
+            void* p = nullptr;
+            uint64_t t0 = KVMISC_now64();
+            r = c.put ? ptrqueue_timed_enqueue(q.q, item(3), c.ms) : ptrqueue_timed_dequeue(q.q, &p, c.ms);
+            took = KVMISC_now64() - t0;
+        }
+        stop = true;
+        hammer.join();
+        EXPECT_EQ(-1, r);
+        EXPECT_GE(took, c.ms * 1000u);
+        EXPECT_LE(took, c.ms * 1000u + 500000u);
+        EXPECT_EQ(c.put ? 1u : 0u, q.q->size);
+        EXPECT_EQ(tries.load() + 1, c.put ? q.q->timesFull : q.q->timesEmpty);
+    }
 }
