@@ -653,8 +653,9 @@ bool NET_ADDR_setProto(NET_ADDR* a, NET_PROTO proto)
     case NET_PROTO_RAW:
         a->proto_ = proto;
         return true;
+    default:
+        return false;
     }
-    return false;
 }
 
 uint32_t NET_ADDR_scopeId(const NET_ADDR* a)

@@ -149,7 +149,9 @@ TEST(NetAddrTab, SortUsesTheAddressOrder)
                                                       "fe80::1%1", "fe80::1%2"}));
 }
 
-/* What getifaddrs lists, as text, for one family (AF_UNSPEC: both). */
+constexpr int kBothFamilies = 0;
+
+/* What getifaddrs lists, as text, for one family (kBothFamilies: both). */
 std::set<std::string> systemAddresses(int family)
 {
     std::set<std::string> out;
@@ -161,7 +163,7 @@ std::set<std::string> systemAddresses(int family)
         if (!it->ifa_addr || (it->ifa_addr->sa_family != AF_INET && it->ifa_addr->sa_family != AF_INET6)) {
             continue;
         }
-        if (family != AF_UNSPEC && it->ifa_addr->sa_family != family) {
+        if (family != kBothFamilies && it->ifa_addr->sa_family != family) {
             continue;
         }
         NET_ADDR a;
@@ -181,7 +183,7 @@ TEST(NetAddrTab, FillFromInterfacesByFamily)
     struct Row {
         NET_ADDR_TYPE type;
         int family;
-    } rows[] = {{NET_ADDR_TYPE_IPV4, AF_INET}, {NET_ADDR_TYPE_IPV6, AF_INET6}, {NET_ADDR_TYPE_UNDEF, AF_UNSPEC}};
+    } rows[] = {{NET_ADDR_TYPE_IPV4, AF_INET}, {NET_ADDR_TYPE_IPV6, AF_INET6}, {NET_ADDR_TYPE_UNDEF, kBothFamilies}};
     for (const Row& r : rows) {
         Tab tab;
         KV_RET n = NET_ADDR_TAB_fillFromInterfaces(&tab.t, r.type);
@@ -213,7 +215,7 @@ TEST(NetAddrTab, FillStopsAtTheLimitAndRefusesOtherFamilies)
     Tab tab(1);
     EXPECT_EQ(NET_ADDR_TAB_fillFromInterfaces(&tab.t, static_cast<NET_ADDR_TYPE>(4)), KV_RET_ERROR);
     EXPECT_EQ(NET_ADDR_TAB_count(&tab.t), 0u);
-    if (systemAddresses(AF_UNSPEC).size() < 2) {
+    if (systemAddresses(kBothFamilies).size() < 2) {
         GTEST_SKIP() << "fewer than two interface addresses";
     }
     EXPECT_EQ(NET_ADDR_TAB_fillFromInterfaces(&tab.t, NET_ADDR_TYPE_UNDEF), NET_ADDR_TAB_FULL);
