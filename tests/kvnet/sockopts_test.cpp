@@ -573,4 +573,13 @@ TEST(SockOptsMapping, BroadcastAndTheSystemsOwnErrors)
     EXPECT_EQ(KVNET_applySockOpts(-1, &o, KVNET_SOCK_DOMAIN_INET), -1);
 }
 
+TEST(SockOptsDeathTest, NullRecordsAreProgrammingFaults)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(KVSockOpts_init(nullptr), "opts != nullptr");
+    EXPECT_DEATH(KVNET_applySockOpts(0, nullptr, KVNET_SOCK_DOMAIN_INET), "opts != nullptr");
+    KVNET_SOCKOPTS o = fresh();
+    EXPECT_DEATH(KVSockOpts_setProtoName(&o, nullptr), "name != nullptr");
+}
+
 }  // namespace

@@ -464,3 +464,20 @@ TEST(NetAddrCompare, TotalOrder)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(NetAddrDeathTest, NullRecordsAreProgrammingFaults)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    char buf[NET_ADDR_STRLEN];
+    NET_ADDR a;
+    NET_ADDR_init(&a);
+    EXPECT_DEATH(NET_ADDR_init(nullptr), "a != nullptr");
+    EXPECT_DEATH(NET_ADDR_toString(nullptr, buf, sizeof buf), "a != nullptr");
+    EXPECT_DEATH(NET_ADDR_toString(&a, nullptr, 4), "buf != nullptr");
+    EXPECT_DEATH(NET_ADDR_compare(&a, nullptr), "b != nullptr");
+    EXPECT_DEATH(NET_ADDR_TAB_add(nullptr, &a), "tab != nullptr");
+}
+
+}  // namespace
