@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The network layer's process-wide services: the port-range registry.
  *
  * Subsystems of one process reserve named ranges of local ports and ask
@@ -28,15 +29,15 @@
 #pragma GCC visibility push(default)
 
 #define KVNET_PORT_RANGE_SLOTS  32
-#define KVNET_PORT_RANGE_ID_LEN 32 /* with the terminator: 31 characters kept */
+#define KVNET_PORT_RANGE_ID_LEN 32 /**< with the terminator: 31 characters kept */
 
-/* Creates "PortRange semaphore" with one token and marks every record free
+/** Creates "PortRange semaphore" with one token and marks every record free
  * (identifiers emptied; the ports are left as they were). Running it again
  * empties the registry and replaces the semaphore; no other registry call may
  * run meanwhile. */
 void KVNET_portRangeInit(void);
 
-/* Stores the range low..high under id, cut to 31 characters, in the first
+/** Stores the range low..high under id, cut to 31 characters, in the first
  * free record. 0 with
  *   "KVNET_portRangeRegister(): id required\n" for a null or empty id,
  *   "KVNET_portRangeRegister(): No ranges available\n" when all records are used,
@@ -44,7 +45,7 @@ void KVNET_portRangeInit(void);
  *   semaphore cannot be taken. */
 int KVNET_portRangeRegister(const char* id, int low, int high);
 
-/* The ports of the first record whose identifier equals id exactly (an
+/** The ports of the first record whose identifier equals id exactly (an
  * identifier registered longer than 31 characters is found only by its
  * first 31). 1 and *low, *high set; 0 with *low, *high untouched
  * when there is no such record, with "KVNET_portRangeRegister(): id required\n"
@@ -52,7 +53,7 @@ int KVNET_portRangeRegister(const char* id, int low, int high);
  * semaphore\n". */
 int KVNET_portRangeLookup(const char* id, int* low, int* high);
 
-/* 1 when some record in use has low <= port <= high; 0 otherwise, and 0 with
+/** 1 when some record in use has low <= port <= high; 0 otherwise, and 0 with
  * "KVNET_portRangeLookup(): Failed to obtain semaphore\n" when the semaphore
  * cannot be taken. */
 int KVNET_portIsRegistered(int port);

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Socket options: one record describing the options a socket is to get.
  *
  * Users fill a KVNET_SOCKOPTS through its setters and hand it to
@@ -34,7 +35,7 @@
 
 #pragma GCC visibility push(default)
 
-/* Levels of the layer; -1 is undefined. */
+/** Levels of the layer; -1 is undefined. */
 enum KVNET_SOL {
     KVNET_SOL_UNDEF = -1,
     KVNET_SOL_SOCKET = 0,
@@ -43,7 +44,7 @@ enum KVNET_SOL {
     KVNET_SOL_IPPROTO_TCP = 3
 };
 
-/* Options of the layer; -1 is undefined. Value types for KVNET_setsockopt:
+/** Options of the layer; -1 is undefined. Value types for KVNET_setsockopt:
  * int for all but KVNET_IP_MULTICAST_TTL (one unsigned char, or an int),
  * KVNET_IP_RR (no value) and KVNET_IP_ADD_MEMBERSHIP (a KVNET_MCAST_REQ). */
 enum KVNET_SOCKOPT {
@@ -64,7 +65,7 @@ enum KVNET_SOCKOPT {
     KVNET_TCP_KEEPCNT = 13
 };
 
-/* Bit numbers of iSetFlags. */
+/** Bit numbers of iSetFlags. */
 enum KVNET_SOCKOPT_BIT {
     KVNET_OPTBIT_PROTO_NAME = 0,
     KVNET_OPTBIT_IP_HDRINCL = 1,
@@ -83,7 +84,7 @@ enum KVNET_SOCKOPT_BIT {
 
 #define KVNET_PROTO_NAME_LEN 50
 
-/* The value of KVNET_IP_ADD_MEMBERSHIP: an IPv4 group is joined on the
+/** The value of KVNET_IP_ADD_MEMBERSHIP: an IPv4 group is joined on the
  * interface with address interfaceAddr (any interface when it is unset or
  * 0.0.0.0), an IPv6 group on the interface numbered interfaceNo (0: the
  * system's choice). */
@@ -110,46 +111,46 @@ struct KVNET_SOCKOPTS {
     int iInterfaceNo;
 };
 
-/* Clears iSetFlags, the protocol name and both booleans, makes the QoS mode
+/** Clears iSetFlags, the protocol name and both booleans, makes the QoS mode
  * undefined and both addresses unset, and zeroes iMulticastTTL, iTcpKeepIdle,
  * iTcpKeepCnt and iSocketRcvBuf. iTcpKeepIntvl and iInterfaceNo are left as
  * they were (see the file comment). */
 void KVSockOpts_init(KVNET_SOCKOPTS* opts);
-/* Copies the whole record. */
+/** Copies the whole record. */
 void KVSockOpts_copy(KVNET_SOCKOPTS* dst, const KVNET_SOCKOPTS* src);
-/* Whether bit number `bit` of iSetFlags is set (false outside 0..31). */
+/** Whether bit number `bit` of iSetFlags is set (false outside 0..31). */
 bool KVSockOpts_isOptionSet(const KVNET_SOCKOPTS* opts, int bit);
-/* Whether any bit of iSetFlags is set. */
+/** Whether any bit of iSetFlags is set. */
 bool KVSockOpts_anyOptionSet(const KVNET_SOCKOPTS* opts);
 
 /* Setters: each stores its value and sets its bit. */
-/* Copies at most 49 characters of name and terminates. */
+/** Copies at most 49 characters of name and terminates. */
 void KVSockOpts_setProtoName(KVNET_SOCKOPTS* opts, const char* name);
 void KVSockOpts_setIPHdrInclude(KVNET_SOCKOPTS* opts, bool include);
 void KVSockOpts_setQoS(KVNET_SOCKOPTS* opts, const KVNET_QOS_PARAMS* qos);
 void KVSockOpts_setQoSDiffServ(KVNET_SOCKOPTS* opts, unsigned dscp);
 void KVSockOpts_setQoSRaw(KVNET_SOCKOPTS* opts, unsigned raw);
-/* Copies both addresses and the interface number. */
+/** Copies both addresses and the interface number. */
 void KVSockOpts_setMulticastGroup(KVNET_SOCKOPTS* opts, const NET_ADDR* group, const NET_ADDR* ifaddr,
                                   int ifno);
 void KVSockOpts_setMulticastTTL(KVNET_SOCKOPTS* opts, int ttl);
-/* No value: no-delay is always switched on. */
+/** No value: no-delay is always switched on. */
 void KVSockOpts_setTcpNoDelay(KVNET_SOCKOPTS* opts);
 void KVSockOpts_setReuseAddress(KVNET_SOCKOPTS* opts, bool reuse);
 void KVSockOpts_setRcvBuf(KVNET_SOCKOPTS* opts, int bytes);
-/* No value: the record-route IP option. */
+/** No value: the record-route IP option. */
 void KVSockOpts_setIPRecordRoute(KVNET_SOCKOPTS* opts);
 void KVSockOpts_setKeepAlive(KVNET_SOCKOPTS* opts, bool keepAlive);
 void KVSockOpts_setTcpKeepIdle(KVNET_SOCKOPTS* opts, int seconds);
 void KVSockOpts_setTcpKeepIntvl(KVNET_SOCKOPTS* opts, int seconds);
 void KVSockOpts_setTcpKeepCnt(KVNET_SOCKOPTS* opts, int probes);
 
-/* Getters: the stored value, whether or not its bit is set. */
+/** Getters: the stored value, whether or not its bit is set. */
 const char* KVSockOpts_protoName(const KVNET_SOCKOPTS* opts);
 bool KVSockOpts_ipHdrInclude(const KVNET_SOCKOPTS* opts);
 const KVNET_QOS_PARAMS* KVSockOpts_qosParams(const KVNET_SOCKOPTS* opts);
 KVNET_QOS_MODE KVSockOpts_qosMode(const KVNET_SOCKOPTS* opts);
-/* As KVNET_qosDiffServ and KVNET_qosRaw, on the record's QoS parameters. */
+/** As KVNET_qosDiffServ and KVNET_qosRaw, on the record's QoS parameters. */
 bool KVSockOpts_qosDiffServ(const KVNET_SOCKOPTS* opts, uint16_t* out);
 bool KVSockOpts_qosRaw(const KVNET_SOCKOPTS* opts, uint16_t* out);
 const NET_ADDR* KVSockOpts_multicastGroup(const KVNET_SOCKOPTS* opts);
@@ -163,7 +164,7 @@ int KVSockOpts_tcpKeepIdle(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_tcpKeepIntvl(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_tcpKeepCnt(const KVNET_SOCKOPTS* opts);
 
-/* Applies the options whose bits are set, in this order, stopping at the
+/** Applies the options whose bits are set, in this order, stopping at the
  * first failure:
  *   protocol name  "KVNET_applySockOpts: proto name not implemented\n" on
  *                  standard error, -1, nothing applied
@@ -180,7 +181,7 @@ int KVSockOpts_tcpKeepCnt(const KVNET_SOCKOPTS* opts);
  * that writes nothing counts as applied with 0. */
 int KVNET_applySockOpts(KVNET_SOCK_ID sock, const KVNET_SOCKOPTS* opts, KVNET_SOCK_DOMAIN domain);
 
-/* setsockopt/getsockopt on the layer's levels and options:
+/** setsockopt/getsockopt on the layer's levels and options:
  *   SOL_SOCKET   SOCKET_REUSE_ADDR, SO_RCVBUF, SO_BROADCAST, SO_KEEPALIVE
  *   SOL_TCP and IPPROTO_TCP   TCP_NODELAY, TCP_KEEPIDLE, TCP_KEEPINTVL,
  *                TCP_KEEPCNT

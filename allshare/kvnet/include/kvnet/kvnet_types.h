@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Types shared by the whole network layer.
  */
 #ifndef KVNET_KVNET_TYPES_H
@@ -6,11 +7,11 @@
 
 #pragma GCC visibility push(default)
 
-/* A socket handle: the system's descriptor. */
+/** A socket handle: the system's descriptor. */
 typedef int KVNET_SOCK_ID;
 #define KVNET_SOCK_ID_UNDEF ((KVNET_SOCK_ID)-1)
 
-/* The family of a socket, as the option code needs it. */
+/** The family of a socket, as the option code needs it. */
 typedef enum KVNET_SOCK_DOMAIN {
     KVNET_SOCK_DOMAIN_LOCAL = 0,
     KVNET_SOCK_DOMAIN_INET = 1,
