@@ -3,6 +3,7 @@
  * registry sorts names ignoring case.
  */
 #include "abstraction/unittests.h"
+#include "fsm/unittests.h"
 #include "kvlog/unittests.h"
 #include "libkvc/unittests.h"
 #include "unittest/unittest.h"
@@ -15,4 +16,5 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_utf8", unittest_utf8, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_kvos_ptrq", unittest_kvos_ptrq, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_fsm", unittest_fsm, UNITTEST_TYPE_FAST);
 }
