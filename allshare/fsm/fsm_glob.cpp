@@ -408,7 +408,7 @@ std::string fsm_getJobName(const SPEC_DESC* spec, FUPTR job)
 
 std::ostream& operator<<(std::ostream& os, const FSMADDR& addr)
 {
-    os << fsm_getSpecName(addr.Spec) << ':';
+    os << safeSpecName(addr.Spec) << ':';
     if (addr.Ind == NO_IND) {
         return os << "NO_IND";
     }
@@ -416,6 +416,26 @@ std::ostream& operator<<(std::ostream& os, const FSMADDR& addr)
 }
 
 namespace fsm_detail {
+
+const char* safeSpecName(SPECIE s)
+{
+    uint32_t m = FSM_ID_MODULE(s);
+    if (s != NO_SPECIE && m < sGlob.iNumSpcMod && sGlob.pSpcNames != nullptr &&
+        FSM_ID_INDEX(s) >= fsm_countNamesForMod(sGlob.pSpcNames, m)) {
+        return "***";
+    }
+    return fsm_getSpecName(s);
+}
+
+const char* safeMsgName(MSGNAME msg)
+{
+    uint32_t m = FSM_ID_MODULE(msg);
+    if (m < sGlob.iNumMsgMod && sGlob.pMsgNames != nullptr &&
+        FSM_ID_INDEX(msg) >= fsm_countNamesForMod(sGlob.pMsgNames, m)) {
+        return "**********";
+    }
+    return fsm_getMsgName(msg);
+}
 
 std::string ptrText(const void* p)
 {
@@ -440,7 +460,7 @@ std::ostream& operator<<(std::ostream& os, const ProcFields& f)
 {
     const PROC_DATA* p = f.proc;
     const char* task = p->specDesc != nullptr ? fsm_getTaskName(p->specDesc, p->ProcTask) : "NO_TASK";
-    return os << kvp("Self", p->ProcSELF) << kvp("Sender", p->ProcSENDER) << kvp("Msg", fsm_getMsgName(p->ProcMsgName))
+    return os << kvp("Self", p->ProcSELF) << kvp("Sender", p->ProcSENDER) << kvp("Msg", safeMsgName(p->ProcMsgName))
               << kvp("Task", task) << kvp("State", std::string(stateText(p->specDesc, p->ProcState)))
               << kvp("NxtState", std::string(stateText(p->specDesc, p->ProcNxtState)))
               << kvp("NxtStateId", p->ProcNxtState);
@@ -449,7 +469,7 @@ std::ostream& operator<<(std::ostream& os, const ProcFields& f)
 std::ostream& operator<<(std::ostream& os, const BufFields& f)
 {
     const NORMBUF* b = f.buf;
-    return os << kvp("Msg-src", b->Source) << kvp("Msg-dst", b->Dest) << kvp("Msg-name", fsm_getMsgName(b->MsgName))
+    return os << kvp("Msg-src", b->Source) << kvp("Msg-dst", b->Dest) << kvp("Msg-name", safeMsgName(b->MsgName))
               << kvp("Msg-size", b->BodyLength) << kvp("Msg-buf", ptrText(b));
 }
 

@@ -55,6 +55,18 @@ inline BufFields bufFields(const NORMBUF* buf)
 /* A pointer as the framework prints it ("%p"). */
 std::string ptrText(const void* p);
 
+/* What the state table decided for the message being decoded. */
+enum class LookupResult { Handle, Save, Reject };
+/* The lookup of a standard machine (ProcState, ProcTask, ProcNxtState,
+ * bProcSaveMsg, pProcIndData); logs an illegal state. */
+LookupResult lookupStandard(PROC_DATA* proc, GLOB_SPEC_D* d);
+
+/* Names for diagnostics that are safe for any value: out-of-range indices
+ * print as "***" (species) or "**********" (messages) instead of reading
+ * past a name list. */
+const char* safeSpecName(SPECIE s);
+const char* safeMsgName(MSGNAME m);
+
 /* Releases every buffer of a chain linked through pNext (system release). */
 void releaseChain(NORMBUF* head);
 
