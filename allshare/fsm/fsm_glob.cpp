@@ -140,9 +140,44 @@ uint32_t fsm_countNamesForMod(const FSMMOD_NAME* names, FSMMOD module)
     return n;
 }
 
+namespace {
+
+/* The tables of a previous initialisation; the buffer statistics keep
+ * naming species through them until the tables are built again. */
+void releaseTables(GLOB_DATA* glob)
+{
+    for (auto& mod : glob->aGlobModSpecDesc) {
+        for (uint32_t i = 0; mod.pModSpecies != nullptr && i < mod.iSpecCount; ++i) {
+            delete mod.pModSpecies[i].specieLogger;
+        }
+        free(mod.pModSpecies);
+        mod.pModSpecies = nullptr;
+        mod.iSpecCount = 0;
+    }
+    free(const_cast<FSMMOD_NAME*>(glob->pSpcNames));
+    free(const_cast<FSMMOD_NAME*>(glob->pMsgNames));
+    glob->pSpcNames = glob->pMsgNames = nullptr;
+    glob->iNumSpcMod = glob->iNumMsgMod = 0;
+    if (glob->Time != nullptr) {
+        timerSystemDelete(glob->Time->timerSystem);
+        delete glob->Time;
+        glob->Time = nullptr;
+    }
+}
+
+}  // namespace
+
+void sys_initFSMSystem(const FSMSPECCONFIG* config)
+{
+    sys_initGlobalData();
+    fsm_poolInit(config);
+    sys_initSystemTimer();
+}
+
 void sys_initGlobalData(void)
 {
     GLOB_DATA* glob = &sGlob;
+    releaseTables(glob);
     glob->Time = new TIME_STR;
     glob->Time->timerSystem = timerSystemCreate(FSMADDR{FSM_TIMER, 0}, "FsmTimerWheel");
     glob->Time->timeOn = false;
