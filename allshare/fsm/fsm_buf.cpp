@@ -45,7 +45,7 @@ void raise(uint32_t& peak, uint32_t value)
 
 }  // namespace
 
-kvlog::LoggerPtr getNormbufCleanupLogger(void)
+const kvlog::LoggerPtr& getNormbufCleanupLogger(void)
 {
     static const kvlog::LoggerPtr logger = kvlog::getDeveloperLogger("fsm.normbufcleanup");
     return logger;
@@ -148,7 +148,7 @@ void fsm_returnMsgBuf(PROC_DATA* proc, NORMBUF* buf)
         return;
     }
     fsm_verifyBuffer(buf);
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (proc != nullptr) {
         KVLOG_TRACE(logger, kvp("Detail", "Deallocating fsm buffer") << procFields(proc) << bufFields(buf));
         // Deliberately the specie only: any individual of the destination

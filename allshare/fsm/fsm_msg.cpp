@@ -182,7 +182,7 @@ void fsm_sendMsgWithPriority(PROC_DATA* proc, MSGNAME msg, FSMADDR dest, NORMBUF
     if (buf == nullptr) {
         buf = fsm_getBuf(proc, 0);
     }
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (buf->Dest.Spec != proc->ProcSELF.Spec) {
         KVLOG_ERROR(logger, kvp("Detail", "Sending fsm message buffer that someone else has manipulated")
                                 << procFields(proc) << bufFields(buf));
@@ -238,7 +238,7 @@ void fsm_sendMsgWithPriority(PROC_DATA* proc, MSGNAME msg, FSMADDR dest, NORMBUF
 
 void sys_sendFarMsg(MSGNAME msg, FSMADDR dest, FSMADDR src, NORMBUF* buf)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (!fsm_verifyAddr(&dest)) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to send fsm message. Invalid destination address")
                                 << farFields(msg, src, dest));
@@ -272,7 +272,7 @@ void sys_sendFarMsg(MSGNAME msg, FSMADDR dest, FSMADDR src, NORMBUF* buf)
 
 void fsm_keepMsgBuf(PROC_DATA* proc, NORMBUF* buf)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     KVLOG_DEBUG(logger, kvp("Detail", "Keeping fsm message buffer") << procFields(proc) << bufFields(buf));
     if (!proc->returnBufToPool) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to keep fsm message buffer. Buffer already sent or keepMsgBuf "
@@ -314,7 +314,7 @@ bool sys_decodeRecMsg(PROC_DATA* proc)
 
 void sys_saveMsg(PROC_DATA* proc)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (!proc->returnBufToPool) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to save fsm message buffer. Buffer already sent or message marked "
                                           "as keep")

@@ -105,6 +105,6 @@ const FSM_SPECIE_BUFFER_STATS* fsm_getPoolStats(SPECIE specie);
 uint32_t fsm_poolStatsCount(void);
 
 /* The developer logger "fsm.normbufcleanup", for clean-up call-backs. */
-kvlog::LoggerPtr getNormbufCleanupLogger(void);
+const kvlog::LoggerPtr& getNormbufCleanupLogger(void);
 
 #endif

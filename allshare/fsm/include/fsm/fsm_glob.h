@@ -124,8 +124,9 @@ std::string fsm_getJobName(const SPEC_DESC* spec, FUPTR job);
 /* "<specie name>:<individual>", "NO_IND" for NO_IND; e.g. FSM_TIMER:0. */
 std::ostream& operator<<(std::ostream& os, const FSMADDR& addr);
 
-/* The framework's logger, "developer.fsm". */
-kvlog::LoggerPtr fsm_getDeveloperLogger(void);
+/* The framework's logger, "developer.fsm", created once and kept for the
+ * life of the process (a reference: callers on hot paths copy nothing). */
+const kvlog::LoggerPtr& fsm_getDeveloperLogger(void);
 
 /* Sleeps 2 seconds so that logs can be flushed, then aborts. */
 [[noreturn]] void sys_fatalError(void);
