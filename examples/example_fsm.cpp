@@ -153,8 +153,11 @@ int main()
     fsm_procShutdown();
     // Every buffer came back: each specie's Buffer-count is 0.
     fsm_streamPoolStats(std::cout);
-    const bool clean = fsm_getPoolStats(SERVER)->currentBufferCount == 0 &&
-                       fsm_getPoolStats(RECEIVER)->currentBufferCount == 0 && gServer.hits + gReceiver.hits == 7;
+    FSM_SPECIE_BUFFER_STATS server{}, receiver{};
+    fsm_getPoolStats(SERVER, &server);
+    fsm_getPoolStats(RECEIVER, &receiver);
+    const bool clean = server.currentBufferCount == 0 && receiver.currentBufferCount == 0 &&
+                       gServer.hits + gReceiver.hits == 7;
 
     KVOS_semaphoreDelete(&gGameOver);
     KVOS_cleanup();

@@ -212,14 +212,17 @@ std::ostream& fsm_streamPoolStats(std::ostream& os)
     return os;
 }
 
-const FSM_SPECIE_BUFFER_STATS* fsm_getPoolStats(SPECIE specie)
+bool fsm_getPoolStats(SPECIE specie, FSM_SPECIE_BUFFER_STATS* out)
 {
     for (uint32_t i = 0; i < noFsmSpecs; ++i) {
         if (fsmSpecieBufferStats[i].allocatingSpecie == specie) {
-            return &fsmSpecieBufferStats[i];
+            KVOS_mutexLock(&fsmBuffersStatsMutex);
+            *out = fsmSpecieBufferStats[i];
+            KVOS_mutexUnlock(&fsmBuffersStatsMutex);
+            return true;
         }
     }
-    return nullptr;
+    return false;
 }
 
 uint32_t fsm_poolStatsCount(void)

@@ -269,7 +269,7 @@ TEST(FsmStressTest, MillionMessagesAcrossFourTasksLoseAndDuplicateNothing)
     }
     uint64_t total = 0;
     for (uint32_t r = 0; r < fsm_poolStatsCount(); ++r) {
-        const FSM_SPECIE_BUFFER_STATS& s = fsm_getPoolStats(r == 0 ? NO_SPECIE : FSM_MAKE_ID(FSMMOD_NONFSM, r - 1))[0];
+        const FSM_SPECIE_BUFFER_STATS s = stats(r == 0 ? NO_SPECIE : FSM_MAKE_ID(FSMMOD_NONFSM, r - 1));
         EXPECT_EQ(0u, s.currentBufferCount) << "record " << r;
         EXPECT_EQ(0u, s.currentBufferSizeTotal) << "record " << r;
         total += s.totalBufferCount;

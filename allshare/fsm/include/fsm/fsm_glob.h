@@ -63,7 +63,8 @@ GLOB_DATA* sys_getGlob(void);
  * partly built table. */
 void sys_initGlobalData(void);
 /* sys_initGlobalData, fsm_poolInit(config), sys_initSystemTimer, in that
- * order. Also releases the tables of a previous run that was shut down. */
+ * order. Also releases the tables of a previous run, which must have been
+ * shut down (fsm_procShutdown) first: no FSM task may run meanwhile. */
 void sys_initFSMSystem(const FSMSPECCONFIG* config);
 
 /* Re-orders a name table by module: a heap array indexed by module number
