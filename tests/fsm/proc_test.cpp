@@ -14,11 +14,10 @@ using namespace fsm_test;
 
 namespace {
 
-constexpr MSGNAME HELLO = msg(1), KEEP = msg(2), SAVE = msg(3), GO = msg(4);
+constexpr MSGNAME HELLO = msg(1), KEEP = msg(2), SAVE = msg(3);
 
 std::mutex gLock;
 std::vector<std::string> gTrace;
-std::atomic<int> gResetsRunning{0};
 
 void note(const std::string& what)
 {
