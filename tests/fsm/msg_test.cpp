@@ -446,7 +446,68 @@ TEST(FsmMsgTest, ASlowJobIsReportedButNotInterrupted)
     EXPECT_EQ(1u, h.events.size());
 }
 
+TEST(FsmMsgTest, ResendingTheInternalHeadIsLogged)
+{
+    Harness h;
+    h.add(ALPHA, &gAnyDesc, 2, h.taskQ, nullptr);
+    h.hook = [](PROC_DATA* p) {
+        if (p->ProcMsgName == X) {
+            NORMBUF* b = withSeq(p, 1);
+            fsm_sendMsg(p, A, FSMADDR{ALPHA, 1}, b);
+            fsm_sendMsg(p, A, FSMADDR{ALPHA, 9}, b);  // refused: it stays queued once
+        }
+    };
+    LogCapture log;
+    h.deliver(X, {ALPHA, 0});
+    EXPECT_EQ(1u, log.count("ERROR Detail=\"Sending fsm message that has already been sent as an internal message\""));
+    EXPECT_EQ(1u, log.count("Failed to send fsm message. Invalid destination address"));
+    EXPECT_EQ((std::vector<MSGNAME>{X, A}), names(h.events));
+    EXPECT_EQ(0u, stats(ALPHA).currentBufferCount);
+}
+
 namespace {
+
+int keepAndSave(PROC_DATA* p)
+{
+    Harness::job(p);
+    fsm_keepMsgBuf(p, p->pProcMsg);
+    p->bProcSaveMsg = true;
+    return 0;
+}
+
+const STATE_NAME kKeepAndSave[] = {{keepAndSave, "ONLY"}, {nullptr, ""}};
+SPEC_DESC gKeepAndSaveDesc{FSM_TYPE_TRIVIAL, nullptr, 0, nullptr, nullptr, kKeepAndSave, nullptr};
+
+}  // namespace
+
+TEST(FsmMsgTest, AKeptMessageCannotBeSaved)
+{
+    std::vector<IndData> data(1);
+    Harness h;
+    h.add(ETA, &gKeepAndSaveDesc, 1, h.taskQ, &data);
+    LogCapture log;
+    NORMBUF* b = Harness::make(A, {ETA, 0}, 0);
+    sys_interpretMsg(&h.proc, b);
+    EXPECT_EQ(1u, log.count("ERROR Detail=\"Failed to save fsm message buffer. Buffer already sent or message "
+                            "marked as keep\""));
+    EXPECT_EQ(0u, fsm_saveQueueLength(&data[0]));
+    EXPECT_EQ(1u, stats(NO_SPECIE).currentBufferCount);  // the machine keeps it
+    PROC_DATA owner = *fsm_getDummyProcData();
+    owner.ProcSELF = FSMADDR{ETA, 0};
+    fsm_returnMsgBuf(&owner, b);
+}
+
+namespace {
+
+void postOnAFullQueue()
+{
+    Harness h;
+    KVOS_PTRQ_ID tiny = KVOS_ptrqCreate("tinyQ", 1);
+    h.add(GAMMA, &gAnyDesc, 1, tiny, nullptr);
+    logToStderr();
+    sys_sendFarMsg(A, FSMADDR{GAMMA, 0}, FSMADDR{ALPHA, 0}, nullptr);
+    sys_sendFarMsg(B, FSMADDR{GAMMA, 0}, FSMADDR{ALPHA, 0}, nullptr);
+}
 
 void interpretRemote()
 {
@@ -482,4 +543,11 @@ TEST(FsmMsgDeathTest, UnknownMachineTypesAndCorruptBuffersEndTheProcess)
     EXPECT_DEATH(interpretRemote(), "Invalid fsm type\" Fsm-type=\"5\"(.|\n)*Invalid fsm type");
     EXPECT_DEATH(decodeTrivialAsStandard(), "Unknown fsm type\" Fsm-type=\"4\"(.|\n)*Invalid fsm type");
     EXPECT_DEATH(interpretCorrupt(), "Corrupt header start magic");
+}
+
+TEST(FsmMsgDeathTest, AFullQueueIsFatal)
+{
+    EXPECT_DEATH(postOnAFullQueue(), "Failed to send fsm message. Post failure on queue\" Msg-name=\"\\*+\" "
+                                     "Src-fsm-addr=\"ALPHA:0\" Dst-fsm-addr=\"GAMMA:0\" Last-error=(.|\n)*"
+                                     "Fsm buffer pool statistics");
 }
