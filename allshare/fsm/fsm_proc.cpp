@@ -260,6 +260,9 @@ void fsm_procSetup(FSMPROCCONFIG* procs, size_t numTasks, FSMSPECCONFIG* specs)
             if (attr == nullptr) {
                 attr = KVOS_taskAttrCreate();
                 KVOS_taskAttrSetName(attr, cfg.queueName != nullptr ? cfg.queueName : "fsmTask");
+                // Jobs log and format: the KVOS minimum of 16 KiB is too
+                // tight for them.
+                KVOS_taskAttrSetStackSize(attr, FSM_TASK_DEFAULT_STACK);
             }
             auto* record = new StartRecord{&task.procData, sMasterQ, startQ, msgQ};
             tid = KVOS_taskCreate(fsm_task_main, record, attr);
