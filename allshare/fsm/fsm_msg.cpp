@@ -126,12 +126,38 @@ void enterNextState(PROC_DATA* proc, GLOB_SPEC_D* d, IND_NO ind, STATE before)
     }
 }
 
+/* sys_decodeRecMsg, handing back the specie's record when a job is to run. */
+GLOB_SPEC_D* decodeStandard(PROC_DATA* proc)
+{
+    GLOB_SPEC_D* d = decodeStart(proc);
+    if (d == nullptr) {
+        return nullptr;
+    }
+    if (d->pSpecDesc->fsmType != FSM_TYPE_STANDARD) {
+        KVLOG_ERROR(fsm_getDeveloperLogger(), kvp("Detail", "Failed to decode fsm message. Unknown fsm type")
+                                                  << kvp("Fsm-type", static_cast<int>(d->pSpecDesc->fsmType))
+                                                  << procFields(proc));
+        BOOST_ASSERT_MSG(false, "Invalid fsm type");
+    }
+    switch (lookupStandard(proc, d)) {
+    case LookupResult::Handle:
+        return d;
+    case LookupResult::Save:
+        logSaving(proc);
+        sys_saveMsg(proc);
+        return nullptr;
+    case LookupResult::Reject:
+        break;
+    }
+    return nullptr;
+}
+
 void sys_handle_message_sfsm(PROC_DATA* proc)
 {
-    if (!sys_decodeRecMsg(proc)) {
+    GLOB_SPEC_D* d = decodeStandard(proc);
+    if (d == nullptr) {
         return;
     }
-    GLOB_SPEC_D* d = fsm_getGlobalSpecieDesc(proc->ProcSELF.Spec);
     const IND_NO ind = proc->ProcSELF.Ind;
     const STATE before = proc->ProcState;
     if (proc->specDesc->pTaskProc != nullptr) {
@@ -289,27 +315,7 @@ void fsm_keepMsgBuf(PROC_DATA* proc, NORMBUF* buf)
 
 bool sys_decodeRecMsg(PROC_DATA* proc)
 {
-    GLOB_SPEC_D* d = decodeStart(proc);
-    if (d == nullptr) {
-        return false;
-    }
-    if (d->pSpecDesc->fsmType != FSM_TYPE_STANDARD) {
-        KVLOG_ERROR(fsm_getDeveloperLogger(), kvp("Detail", "Failed to decode fsm message. Unknown fsm type")
-                                                  << kvp("Fsm-type", static_cast<int>(d->pSpecDesc->fsmType))
-                                                  << procFields(proc));
-        BOOST_ASSERT_MSG(false, "Invalid fsm type");
-    }
-    switch (lookupStandard(proc, d)) {
-    case LookupResult::Handle:
-        return true;
-    case LookupResult::Save:
-        logSaving(proc);
-        sys_saveMsg(proc);
-        return false;
-    case LookupResult::Reject:
-        break;
-    }
-    return false;
+    return decodeStandard(proc) != nullptr;
 }
 
 void sys_saveMsg(PROC_DATA* proc)
@@ -364,11 +370,17 @@ void sys_interpretMsg(PROC_DATA* proc, NORMBUF* buf)
     GLOB_DATA* glob = sys_getGlob();
     proc->ProcRecType = ' ';
     proc->pProcMsg = buf;
+    // The end of one message is the start of the next internal one: the
+    // clock is read once per message handled in a row.
+    bool haveStart = false;
+    unsigned start = 0;
     for (;;) {
         NORMBUF* msg = proc->pProcMsg;
         if (msg != nullptr) {
             fsm_verifyBuffer(msg);
-            const unsigned start = KVOS_ticksCurrent();
+            if (!haveStart) {
+                start = KVOS_ticksCurrent();
+            }
             const SPECIE specie = msg->Dest.Spec;
             const MSGNAME name = msg->MsgName;
             const GLOB_SPEC_D* d = fsm_getGlobalSpecieDesc(specie);
@@ -403,7 +415,10 @@ void sys_interpretMsg(PROC_DATA* proc, NORMBUF* buf)
                 }
                 fsmprofiling_update(glob, name, specie, dt);
             }
-            const unsigned ms = KVOS_ticksElapsed(start) * 10;
+            const unsigned end = KVOS_ticksCurrent();
+            const unsigned ms = KVOS_ticksDiff(start, end) * 10;
+            start = end;
+            haveStart = true;
             if (ms > kSlowMessageMs) {
                 std::ostringstream detail;
                 detail << "Took " << ms / 1000 << " secs to process FSM message ";
