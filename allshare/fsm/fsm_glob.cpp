@@ -481,12 +481,30 @@ std::string ptrText(const void* p)
 
 namespace {
 
-/* A state's name only when the specie has a record for it: the fields are
- * also written for states that were found illegal. */
-const char* stateText(const SPEC_DESC* spec, STATE state)
+/* Names for the process fields, written by every task at once: numbers
+ * are formatted here rather than in the static buffers of fsm_getStateName
+ * and fsm_getTaskName, and a state without a record (an illegal one) prints
+ * as its number. */
+std::string stateText(const SPEC_DESC* spec, STATE state)
 {
-    return spec != nullptr && state != NO_STATE && state > spec->HighState ? fsm_getStateName(nullptr, state)
-                                                                           : fsm_getStateName(spec, state);
+    if (state == NO_STATE) {
+        return "NO_STATE";
+    }
+    if (spec == nullptr || spec->pStateNames == nullptr || state > spec->HighState) {
+        return std::to_string(state);
+    }
+    return spec->pStateNames[state].szName;
+}
+
+std::string taskText(const SPEC_DESC* spec, TASK task)
+{
+    if (task == NO_TASK) {
+        return "NO_TASK";
+    }
+    if (spec == nullptr || spec->pTaskNames == nullptr) {
+        return std::to_string(task);
+    }
+    return spec->pTaskNames[task];
 }
 
 }  // namespace
@@ -494,10 +512,9 @@ const char* stateText(const SPEC_DESC* spec, STATE state)
 std::ostream& operator<<(std::ostream& os, const ProcFields& f)
 {
     const PROC_DATA* p = f.proc;
-    const char* task = p->specDesc != nullptr ? fsm_getTaskName(p->specDesc, p->ProcTask) : "NO_TASK";
     return os << kvp("Self", p->ProcSELF) << kvp("Sender", p->ProcSENDER) << kvp("Msg", safeMsgName(p->ProcMsgName))
-              << kvp("Task", task) << kvp("State", std::string(stateText(p->specDesc, p->ProcState)))
-              << kvp("NxtState", std::string(stateText(p->specDesc, p->ProcNxtState)))
+              << kvp("Task", taskText(p->specDesc, p->ProcTask)) << kvp("State", stateText(p->specDesc, p->ProcState))
+              << kvp("NxtState", stateText(p->specDesc, p->ProcNxtState))
               << kvp("NxtStateId", p->ProcNxtState);
 }
 
