@@ -397,42 +397,42 @@ const char* fsm_getMsgName(MSGNAME msg)
     return sGlob.pMsgNames[m].pNames[FSM_ID_INDEX(msg)];
 }
 
-const char* fsm_getStateName(const SPEC_DESC* spec, STATE state)
+const char* fsm_getStateName(const SPEC_DESC* desc, STATE state)
 {
     static char number[10];
     if (state == NO_STATE) {
         return "NO_STATE";
     }
-    if (spec == nullptr || spec->pStateNames == nullptr) {
+    if (desc == nullptr || desc->pStateNames == nullptr) {
         // Ten characters: the largest numbers lose their last digit.
         if (snprintf(number, sizeof(number), "%u", state) < 0) {
             number[0] = '\0';
         }
         return number;
     }
-    return spec->pStateNames[state].szName;
+    return desc->pStateNames[state].szName;
 }
 
-const char* fsm_getTaskName(const SPEC_DESC* spec, TASK task)
+const char* fsm_getTaskName(const SPEC_DESC* desc, TASK task)
 {
     static char number[10];
-    BOOST_ASSERT_MSG(spec != NULL, "pSpec");
+    BOOST_ASSERT_MSG(desc != NULL, "pSpec");
     if (task == NO_TASK) {
         return "NO_TASK";
     }
-    if (spec->pTaskNames == nullptr) {
+    if (desc->pTaskNames == nullptr) {
         // Ten characters: the largest numbers lose their last digit.
         if (snprintf(number, sizeof(number), "%u", task) < 0) {
             number[0] = '\0';
         }
         return number;
     }
-    return spec->pTaskNames[task];
+    return desc->pTaskNames[task];
 }
 
-std::string fsm_getJobName(const SPEC_DESC* spec, FUPTR job)
+std::string fsm_getJobName(const SPEC_DESC* desc, FUPTR job)
 {
-    for (const STATE_NAME* rec = spec != nullptr ? spec->pStateNames : nullptr; rec != nullptr && rec->szName[0];
+    for (const STATE_NAME* rec = desc != nullptr ? desc->pStateNames : nullptr; rec != nullptr && rec->szName[0];
          ++rec) {
         if (rec->pJob == job) {
             return rec->szName;
@@ -485,26 +485,26 @@ namespace {
  * are formatted here rather than in the static buffers of fsm_getStateName
  * and fsm_getTaskName, and a state without a record (an illegal one) prints
  * as its number. */
-std::string stateText(const SPEC_DESC* spec, STATE state)
+std::string stateText(const SPEC_DESC* desc, STATE state)
 {
     if (state == NO_STATE) {
         return "NO_STATE";
     }
-    if (spec == nullptr || spec->pStateNames == nullptr || state > spec->HighState) {
+    if (desc == nullptr || desc->pStateNames == nullptr || state > desc->HighState) {
         return std::to_string(state);
     }
-    return spec->pStateNames[state].szName;
+    return desc->pStateNames[state].szName;
 }
 
-std::string taskText(const SPEC_DESC* spec, TASK task)
+std::string taskText(const SPEC_DESC* desc, TASK task)
 {
     if (task == NO_TASK) {
         return "NO_TASK";
     }
-    if (spec == nullptr || spec->pTaskNames == nullptr) {
+    if (desc == nullptr || desc->pTaskNames == nullptr) {
         return std::to_string(task);
     }
-    return spec->pTaskNames[task];
+    return desc->pTaskNames[task];
 }
 
 }  // namespace
