@@ -125,6 +125,18 @@ size_t kvos_taskListSize(void)
     return n;
 }
 
+bool kvos_taskIsListed(KVOS_TASK_ID tid)
+{
+    TaskList& list = taskList();
+    KVOS_mutexLock(&list.lock);
+    bool listed = false;
+    for (const ThreadInfo* info : list.entries) {
+        listed = listed || pthread_equal(info->tid, tid);
+    }
+    KVOS_mutexUnlock(&list.lock);
+    return listed;
+}
+
 size_t kvos_taskListAdditions(void)
 {
     return readCounter(&TaskList::additions);

@@ -5,6 +5,7 @@
  * the product.
  */
 #include "abstraction/unittests.h"
+#include "fsm/unittests.h"
 #include "kvlog/unittests.h"
 #include "kvnet/unittests.h"
 #include "libkvc/unittests.h"
@@ -21,6 +22,7 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_NetAddr_core", unittest_NetAddr_core, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_NetAddrTab", unittest_NetAddrTab, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_abstraction_sockopts", unittest_abstraction_sockopts, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_fsm", unittest_fsm, UNITTEST_TYPE_FAST);
 }
 
 namespace {

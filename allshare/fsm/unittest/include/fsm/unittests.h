@@ -1,0 +1,8 @@
+/* Self-test unit of the state-machine framework, entered in the runner's
+ * registry. */
+#ifndef FSM_UNITTESTS_H
+#define FSM_UNITTESTS_H
+
+void unittest_fsm(void);
+
+#endif
