@@ -164,3 +164,57 @@ TEST(KvosStressTest, TaskChurnReturnsToBaseline)
         EXPECT_EQ(maps.fenced, now.fenced) << "stacks or signal stacks left mapped";
     }
 }
+
+namespace {
+/* A burst: n tasks started together, held at a gate until all run, then
+ * ended together, so their start and their exit messages reach the reaper
+ * at once. Waits until the reaper has unlisted them all. */
+bool burst(unsigned n)
+{
+    static std::atomic<unsigned> running;
+    static std::atomic<bool> go;
+    running = 0;
+    go = false;
+    size_t removals = kvos_taskListRemovals();
+    KVOS_TASK_ATTR* attr = KVOS_taskAttrCreate();
+    KVOS_taskAttrSetName(attr, "burst");
+    KVOS_taskAttrSetPriority(attr, 120);
+    unsigned started = 0;
+    for (unsigned i = 0; i < n; ++i) {
+        started += KVOS_taskCreate(
+                       [](void*) {
+                           ++running;
+                           while (!go) {
+                               KVOS_usleep(200);
+                           }
+                       },
+                       nullptr, attr) != KVOS_NO_TASK_ID;
+    }
+    KVOS_taskAttrDestroy(attr);
+    bool allRan = waitFor([&] { return running == started; }, 20000);
+    go = true;
+    return started == n && allRan &&
+           waitFor([&] { return kvos_taskListRemovals() == removals + n; }, 20000);
+}
+}  // namespace
+
+TEST(KvosStressTest, BurstsOfTasksAreAllReapedAndReleased)
+{
+    constexpr unsigned kBurst = 40, kBursts = 25;  // 1,000 tasks
+    ASSERT_TRUE(burst(kBurst)) << "warm-up";
+    ListInfo before = listInfo(taskDump());
+    size_t threads = threadCount(), maps = mappingCount();
+    StackMappings stacks = stackMappings();
+    for (unsigned i = 0; i < kBursts; ++i) {
+        ASSERT_TRUE(burst(kBurst)) << "burst " << i << ": exit messages lost\n" << taskDump();
+    }
+    ListInfo after = listInfo(taskDump());
+    EXPECT_EQ(before.size, after.size) << "ghost entries left listed";
+    EXPECT_EQ(before.additions + kBurst * kBursts, after.additions) << "start messages lost";
+    EXPECT_EQ(before.removals + kBurst * kBursts, after.removals);
+    EXPECT_EQ(threads, threadCount());
+    EXPECT_EQ(stacks.guardBytes, stackMappings().guardBytes) << "stacks never released";
+    if (!KV_SANITIZED) {
+        EXPECT_EQ(maps, mappingCount());
+    }
+}

@@ -3,16 +3,34 @@
  *
  * Every task stack is fenced by an inaccessible guard page below and above
  * it and pre-filled with the marker word 0xdadefee1, so the deepest use can
- * be measured later; an overflow faults on the lower guard page. Every task
- * also gets its own alternate signal stack (1,024,000 bytes), so a handler
- * for that fault can still run.
+ * be measured later; an overflow faults on the lower guard page. The C
+ * library keeps each thread's control block and thread-local storage at the
+ * top of its stack; a task's stack is mapped larger by that block, so the
+ * task can use the whole size it asked for, and the dump shows and measures
+ * the size asked for. Every task also gets its own alternate signal stack
+ * (1,024,000 bytes), so a handler for that fault can still run.
  *
  * Tasks are joined and their memory released by one service thread, the
  * reaper "reaperT", which learns of each start and end through the pointer
- * queue "reaperQ" (20 entries). The posts never block: when the queue is
- * full a start or exit message is lost, and the task is then never listed,
- * or never joined and released. A task that ends through KVOS_taskExit
- * posts no exit message and stays listed.
+ * queue "reaperQ" (20 entries). A task's start and exit posts wait for room
+ * in the queue, so no task is lost however many start or end at once; a
+ * task that is cancelled still posts its exit. A task that ends through
+ * KVOS_taskExit posts no exit message and stays listed.
+ *
+ * The reaper is the only thread that joins tasks. KVOS_taskJoin does not
+ * join: it waits until the task has ended (returned and been reaped, been
+ * cancelled and reaped, or called KVOS_taskExit) and then answers true,
+ * however long after the end it is called. It answers false for the
+ * calling thread itself, and true at once for a handle that is not a live
+ * task. Handles are reused once the reaper has released a task, so a join
+ * long after the end may wait for a later task with the same handle.
+ *
+ * kvos_task_cancel_all (KVOS_cleanup) cancels every task created and not
+ * yet reaped except the caller, waits until the reaper has joined and
+ * released them, for at most 2 seconds, then stops the reaper. Tasks may
+ * not be created before KVOS_init or after KVOS_cleanup (an assertion).
+ * KVOS_taskBacktraceAllOtherTasks signals a task only while it is still
+ * listed, so tasks may end while it runs.
  *
  * When the process runs as root, tasks get round-robin real-time scheduling;
  * attribute priorities count like a classic real-time kernel's (0 is the
@@ -104,12 +122,15 @@ void KVOS_taskBacktraceAllOtherTasks(void);
 int kvos_task_cancel_all(void);
 void kvos_task_init(void);
 
-/* Task list dump: one line per task, then "List info: ...". */
+/* Task list dump: one line per task, then "List info: ...". The text is
+ * formatted under the list's lock and written after it is released, so the
+ * stream or output function may use the library. */
 void KVOS_taskDump(std::ostream& os);
 void KVOS_taskDump(KVOS_TASK_OUT_FUNC out, int arg);
 void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
 
-/* Task list. registerTask takes over `name` (a heap copy). */
+/* Task list. registerTask takes over `name` (a heap copy); unregisterTask
+ * releases the entry's stacks as task creation allocated them. */
 void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize,
                   void* signalStack, size_t signalStackSize);
 void unregisterTask(int pid, KVOS_TASK_ID tid);
