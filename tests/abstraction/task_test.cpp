@@ -313,6 +313,7 @@ TEST(KvosTaskTest, CreationFailuresReturnNoTaskAndLeaveTheError)
                              std::string(strerror(ENOMEM)) + "\""))
         << log.text();
 
+    kvos_taskReleaseCachedStacks();  // the stack below is mapped afresh
     size_t maps = mappingCount();
     SeamScope create(kvos_syscalls().threadCreate,
                      [](pthread_t* t, const pthread_attr_t* a, void* (*fn)(void*), void* arg) {
@@ -663,4 +664,144 @@ TEST(KvosLifecycleDeathTest, ATaskCanUseTheWholeStackItAskedFor)
             _exit(0);
         },
         ::testing::ExitedWithCode(0), "listed=1 size=16384 nearlyAllUsed=1 within=1");
+}
+
+/* Stacks and signal stacks come back from the reaper to a bounded cache and
+ * serve later tasks of the same stack size. */
+namespace {
+struct StackSeen {
+    std::atomic<void*> low{nullptr}, signal{nullptr};
+    std::atomic<size_t> deepest{0};
+};
+StackSeen gSeen;
+
+void recordStack(bool touchBottom, size_t useBytes)
+{
+    pthread_attr_t attr;
+    void* low;
+    size_t size;
+    pthread_getattr_np(pthread_self(), &attr);
+    pthread_attr_getstack(&attr, &low, &size);
+    pthread_attr_destroy(&attr);
+    stack_t ss;
+    sigaltstack(nullptr, &ss);
+    gSeen.low = low;
+    gSeen.signal = ss.ss_sp;
+    if (touchBottom) {
+        *static_cast<volatile uint32_t*>(low) = 0;
+    }
+    if (useBytes) {
+        useStack(useBytes);
+    }
+}
+
+/* Runs one task of the minimum stack size to its end and reaping. */
+bool runAndReap(void (*entry)(void*))
+{
+    size_t removals = kvos_taskListRemovals();
+    return startTask("cacheWarm", entry, nullptr, KVOS_TASK_MIN_STACK) != KVOS_NO_TASK_ID &&
+           waitFor([&] { return kvos_taskListRemovals() == removals + 1; });
+}
+}  // namespace
+
+TEST(KvosStackCacheTest, AReusedStackShowsOnlyItsNewTasksUse)
+{
+    struct Case {
+        const char* what;
+        void (*before)(void*);
+    } cases[] = {
+        {"whole stack touched", [](void*) { recordStack(true, 0); }},
+        {"half the stack used", [](void*) { recordStack(false, KVOS_TASK_MIN_STACK / 2); }},
+        {"nothing beyond the frames", [](void*) { recordStack(false, 0); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        kvos_taskReleaseCachedStacks();
+        ASSERT_TRUE(runAndReap(c.before));
+        void* previous = gSeen.low;
+        EXPECT_GE(kvos_taskCachedStacks(), 2u);
+
+        Parked parked;
+        ASSERT_NE(KVOS_NO_TASK_ID, startTask("cacheReuse", parkedEntry, &parked, KVOS_TASK_MIN_STACK));
+        DumpLine d;
+        ASSERT_TRUE(waitFor([&] { return parked.lwp != 0 && findTask("cacheReuse", &d); }));
+        EXPECT_EQ(previous, parked.stackLow) << "the released stack was not reused";
+        EXPECT_EQ(KVOS_TASK_MIN_STACK, d.size);
+        EXPECT_GT(d.used, 0u);
+        EXPECT_LT(d.used, d.size / 2) << "the last task's use shows through";
+        parked.release = true;
+        ASSERT_TRUE(waitFor([&] { return !findTask("cacheReuse"); }));
+    }
+    // Another size is not served from the cache.
+    kvos_taskReleaseCachedStacks();
+    ASSERT_TRUE(runAndReap([](void*) { recordStack(false, 0); }));
+    void* small = gSeen.low;
+    Parked parked;
+    ASSERT_NE(KVOS_NO_TASK_ID, startTask("otherSize", parkedEntry, &parked, 2 * KVOS_TASK_MIN_STACK));
+    ASSERT_TRUE(waitFor([&] { return parked.lwp != 0 && findTask("otherSize"); }));
+    EXPECT_NE(small, parked.stackLow);
+    parked.release = true;
+    ASSERT_TRUE(waitFor([&] { return !findTask("otherSize"); }));
+}
+
+namespace {
+void* gWarmLow;
+void* gWarmSignal;
+void onReusedSegv(int, siginfo_t* info, void*)
+{
+    stack_t ss;
+    sigaltstack(nullptr, &ss);
+    if (info->si_addr >= gGuardLow && info->si_addr < gGuardHigh && (ss.ss_flags & SS_ONSTACK)) {
+        bool reused = gGuardHigh == gWarmLow && ss.ss_sp == gWarmSignal;
+        static const char yes[] = "guard page of a reused stack hit on a reused signal stack\n";
+        static const char no[] = "guard page hit, stacks not reused\n";
+        write(2, reused ? yes : no, reused ? sizeof(yes) - 1 : sizeof(no) - 1);
+        _exit(3);
+    }
+    _exit(4);
+}
+}  // namespace
+
+TEST(KvosStackCacheDeathTest, AReusedStackStillFaultsOnItsGuardPage)
+{
+    EXPECT_EXIT(
+        {
+            kvos_taskReleaseCachedStacks();
+            if (!runAndReap([](void*) { recordStack(false, 0); })) {
+                _exit(2);
+            }
+            gWarmLow = gSeen.low;
+            gWarmSignal = gSeen.signal;
+            struct sigaction sa;
+            memset(&sa, 0, sizeof(sa));
+            sa.sa_sigaction = onReusedSegv;
+            sa.sa_flags = SA_SIGINFO | SA_ONSTACK;
+            sigaction(SIGSEGV, &sa, nullptr);
+            startTask("overflow", overflowEntry, nullptr, KVOS_TASK_MIN_STACK);
+            KVOS_sleep(10);
+            _exit(5);
+        },
+        ::testing::ExitedWithCode(3), "guard page of a reused stack hit on a reused signal stack");
+}
+
+TEST(KvosStackCacheDeathTest, CleanupReleasesTheCache)
+{
+    EXPECT_EXIT(
+        {
+            kvos_taskReleaseCachedStacks();
+            size_t maps = mappingCount();
+            for (int i = 0; i < 3; ++i) {
+                if (!runAndReap([](void*) {})) {
+                    _exit(2);
+                }
+            }
+            size_t cached = kvos_taskCachedStacks();
+            KVOS_cleanup();
+            // Cleanup also ends the dispatcher and the reaper, whose stacks
+            // stay mapped (the reaper's) or go to the cache (the dispatcher's).
+            fprintf(stderr, "cached=%zu after=%zu fewerMaps=%d\n", cached, kvos_taskCachedStacks(),
+                    mappingCount() < maps);
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "cached=2 after=0 fewerMaps=1");
 }

@@ -23,6 +23,13 @@
  *  - cancel-all and backtrace-all signal a thread only while it is known
  *    not to be joined.
  *
+ * Released stacks and signal stacks are kept in a small bounded cache for
+ * the next tasks instead of being unmapped, and new ones mapped and filled
+ * with the marker, for every task: their guard pages stay in place, and
+ * the marker is restored only where the dump reads it (a task stack's part
+ * below the size asked for, from the deepest word the task touched; never
+ * on a signal stack, which nobody measures). Cleanup unmaps the cache.
+ *
  * The wrapper's posts to the reaper wait for room in "reaperQ" rather than
  * lose a start or exit message, and cannot be cancelled halfway. A task
  * that is cancelled still posts its exit message on the way out (a
@@ -174,14 +181,145 @@ size_t taskStackArea(size_t size)
     return size + threadBlockSize();
 }
 
+/* Stacks released by the reaper, kept for the next tasks. Bounded by count
+ * and bytes; a stack released while the cache is full is unmapped. Task
+ * stacks are reused only for the same size asked for, so the part the dump
+ * reads is exactly the part whose marker was restored. The lock is a KVOS-
+ * style system mutex (priority inheritance when root): tasks of any
+ * priority take signal stacks from it. */
+class StackCache {
+public:
+    static constexpr size_t kMaxTaskStacks = 16;
+    static constexpr size_t kMaxTaskBytes = 4u << 20;
+    static constexpr size_t kMaxSignalStacks = 4;
+
+    StackCache()
+    {
+        kvos_os::mutexInit(&lock_, false);
+        task_.reserve(kMaxTaskStacks);
+        signal_.reserve(kMaxSignalStacks);
+    }
+
+    void* takeTaskStack(size_t size)
+    {
+        Guard guard(lock_);
+        for (size_t i = task_.size(); i-- > 0;) {
+            if (task_[i].size == size) {
+                void* stack = task_[i].stack;
+                taskBytes_ -= taskStackArea(size);
+                task_[i] = task_.back();
+                task_.pop_back();
+                return stack;
+            }
+        }
+        return nullptr;
+    }
+
+    bool keepTaskStack(void* stack, size_t size)
+    {
+        Guard guard(lock_);
+        size_t bytes = taskStackArea(size);
+        if (task_.size() == kMaxTaskStacks || bytes > kMaxTaskBytes - taskBytes_) {
+            return false;
+        }
+        task_.push_back({stack, size});
+        taskBytes_ += bytes;
+        return true;
+    }
+
+    void* takeSignalStack()
+    {
+        Guard guard(lock_);
+        if (signal_.empty()) {
+            return nullptr;
+        }
+        void* stack = signal_.back();
+        signal_.pop_back();
+        return stack;
+    }
+
+    bool keepSignalStack(void* stack)
+    {
+        Guard guard(lock_);
+        if (signal_.size() == kMaxSignalStacks) {
+            return false;
+        }
+        signal_.push_back(stack);
+        return true;
+    }
+
+    size_t count()
+    {
+        Guard guard(lock_);
+        return task_.size() + signal_.size();
+    }
+
+    void releaseAll()
+    {
+        std::vector<Entry> task;
+        std::vector<void*> signal;
+        {
+            Guard guard(lock_);
+            task.swap(task_);
+            signal.swap(signal_);
+            taskBytes_ = 0;
+            task_.reserve(kMaxTaskStacks);
+            signal_.reserve(kMaxSignalStacks);
+        }
+        for (const Entry& e : task) {
+            deallocate_stack(e.stack, taskStackArea(e.size));
+        }
+        for (void* stack : signal) {
+            deallocate_stack(stack, KVOS_SIGNAL_STACK_SIZE);
+        }
+    }
+
+private:
+    struct Entry {
+        void* stack;
+        size_t size;
+    };
+    struct Guard {
+        explicit Guard(pthread_mutex_t& m) : m_(m) { kvos_os::mutexLock(&m_); }
+        ~Guard() { kvos_os::mutexUnlock(&m_); }
+        pthread_mutex_t& m_;
+    };
+
+    pthread_mutex_t lock_;
+    std::vector<Entry> task_;
+    std::vector<void*> signal_;
+    size_t taskBytes_ = 0;
+};
+
+StackCache& stackCache()
+{
+    static auto* cache = new StackCache;
+    return *cache;
+}
+
+/* Makes the part of a released task stack that the dump reads all marker
+ * again: from the deepest word the last task touched up to the size asked
+ * for. Below that word it never changed. Reads and writes memory a dead
+ * thread used, hence no sanitizer instrumentation. */
+__attribute__((no_sanitize("address", "thread"))) void restoreMarker(void* stack, size_t size)
+{
+    size_t untouched = check_stack_usage(stack, size);
+    auto* word = reinterpret_cast<volatile uint32_t*>(static_cast<char*>(stack) + untouched);
+    for (size_t i = 0; i < (size - untouched) / sizeof(uint32_t); ++i) {
+        word[i] = KVOS_STACK_MARKER;
+    }
+}
+
 void* allocateTaskStack(size_t size)
 {
-    return allocate_stack(taskStackArea(size));
+    void* stack = stackCache().takeTaskStack(size);
+    return stack ? stack : allocate_stack(taskStackArea(size));
 }
 
 void* allocateSignalStack()
 {
-    return allocate_stack(KVOS_SIGNAL_STACK_SIZE);
+    void* stack = stackCache().takeSignalStack();
+    return stack ? stack : allocate_stack(KVOS_SIGNAL_STACK_SIZE);
 }
 
 [[noreturn]] void creationFault(const char* detail)
@@ -680,6 +818,7 @@ int kvos_task_cancel_all(void)
     });
     guard.unlock();
     stopReaper(deadline);
+    stackCache().releaseAll();
     return 0;
 }
 
@@ -726,10 +865,31 @@ void kvos_task_init(void)
 
 void kvos_task_release_stack(void* stack, size_t stackSize)
 {
-    deallocate_stack(stack, taskStackArea(stackSize));
+    if (stack == nullptr) {
+        return;
+    }
+    restoreMarker(stack, stackSize);
+    if (!stackCache().keepTaskStack(stack, stackSize)) {
+        deallocate_stack(stack, taskStackArea(stackSize));
+    }
 }
 
 void kvos_task_release_signal_stack(void* stack, size_t size)
 {
-    deallocate_stack(stack, size);
+    if (stack == nullptr) {
+        return;
+    }
+    if (size != KVOS_SIGNAL_STACK_SIZE || !stackCache().keepSignalStack(stack)) {
+        deallocate_stack(stack, size);
+    }
+}
+
+size_t kvos_taskCachedStacks(void)
+{
+    return stackCache().count();
+}
+
+void kvos_taskReleaseCachedStacks(void)
+{
+    stackCache().releaseAll();
 }

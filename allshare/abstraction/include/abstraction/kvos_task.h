@@ -141,6 +141,12 @@ size_t kvos_taskListSize(void);
 size_t kvos_taskListAdditions(void);
 size_t kvos_taskListRemovals(void);
 
+/* Released task stacks and signal stacks that the reaper keeps for later
+ * tasks (at most 16 task stacks of 4 MiB in all, and 4 signal stacks), and
+ * their release (KVOS_cleanup releases them too). */
+size_t kvos_taskCachedStacks(void);
+void kvos_taskReleaseCachedStacks(void);
+
 /* Stacks. allocate_stack returns the lowest usable address, or null. */
 void* allocate_stack(size_t size);
 void deallocate_stack(void* stack, size_t size);
