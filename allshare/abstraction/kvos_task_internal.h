@@ -18,6 +18,11 @@ struct TaskRef {
     int pid;
 };
 
+/* registerTask without naming the thread: for a task that has named
+ * itself (cheaply, from its own thread) before it was registered. */
+void kvos_taskListAdd(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize, void* signalStack,
+                      size_t signalStackSize);
+
 /* The listed tasks, in list order, copied under "taskListLock". */
 std::vector<TaskRef> kvos_taskListSnapshot(void);
 /* Runs fn(ref.tid) under "taskListLock" if ref is still listed; answers

@@ -74,6 +74,12 @@ void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t sta
                   size_t signalStackSize)
 {
     kvos_os::setThreadName(tid, name);
+    kvos_taskListAdd(name, pid, tid, stack, stackSize, signalStack, signalStackSize);
+}
+
+void kvos_taskListAdd(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize, void* signalStack,
+                      size_t signalStackSize)
+{
     auto* info = static_cast<ThreadInfo*>(calloc(1, sizeof(ThreadInfo)));
     info->taken = 1;
     info->name = name;

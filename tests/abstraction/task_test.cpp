@@ -700,7 +700,7 @@ bool runAndReap(void (*entry)(void*))
 {
     size_t removals = kvos_taskListRemovals();
     return startTask("cacheWarm", entry, nullptr, KVOS_TASK_MIN_STACK) != KVOS_NO_TASK_ID &&
-           waitFor([&] { return kvos_taskListRemovals() == removals + 1; });
+           waitFor([&] { return kvos_taskListRemovals() == removals + 1; }, 20000);
 }
 }  // namespace
 

@@ -435,6 +435,10 @@ void* pthread_wrapper(void* p)
     char shownName[KVOS_TASK_NAME_LEN];
     snprintf(shownName, sizeof(shownName), "%s", name ? name : "");
     KVLOG_DEBUG(kvos_logger(), kvp("Detail", "Thread Created") << kvp("Name", shownName) << kvp("LWP", lwp));
+    // Named here, by the thread itself (one system call), rather than by
+    // the reaper through the thread's /proc entry: the name is in place
+    // before the task is listed either way.
+    kvos_os::setThreadName(pthread_self(), name);
     postToReaper(reaperMessage(0, name, lwp, stack, stackSize, signalStack, signalStackSize));
 
     TaskEnd end{name, lwp, shownName, signalStack != nullptr};
@@ -482,8 +486,8 @@ void* threadReaperMain(void* p)
         switch (msg->taken) {
         case 0:
             KVLOG_DEBUG(kvos_logger(), kvp("Detail", "Received thread starting") << kvp("LWP", msg->pid));
-            registerTask(msg->name, msg->pid, msg->tid, msg->stack, msg->stackSize, msg->signalStack,
-                         msg->signalStackSize);
+            kvos_taskListAdd(msg->name, msg->pid, msg->tid, msg->stack, msg->stackSize, msg->signalStack,
+                             msg->signalStackSize);
             break;
         case 1:
             KVLOG_DEBUG(kvos_logger(), kvp("Detail", "Received thread exiting") << kvp("LWP", msg->pid));
