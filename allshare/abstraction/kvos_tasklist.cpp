@@ -2,7 +2,7 @@
  * The task list: every live task in order of registration, with running
  * counters of additions and removals (never reset), guarded by the KVOS
  * mutex "taskListLock". Only the reaper adds and removes entries, and it
- * releases a task's stacks once the entry is unlinked.
+ * releases a task's stacks when it removes the entry.
  *
  * taskList_foreach walks the list without the lock, as it always has; the
  * library's own walkers (cancel-all, backtrace-all) copy the list under the
@@ -99,28 +99,25 @@ void kvos_taskListAdd(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t
 
 void unregisterTask(int pid, KVOS_TASK_ID tid)
 {
+    // The stacks are released before the removal is counted, so that a
+    // caller who sees the count grow also sees the memory back.
     TaskList& list = taskList();
-    ThreadInfo* info = nullptr;
     KVOS_mutexLock(&list.lock);
     for (auto it = list.entries.begin(); it != list.entries.end(); ++it) {
-        if ((*it)->pid == pid && (*it)->tid == tid) {
-            info = *it;
+        ThreadInfo* info = *it;
+        if (info->pid == pid && info->tid == tid) {
+            free(info->name);
+            kvos_task_release_stack(info->stack, info->stackSize);
+            if (info->signalStack) {
+                kvos_task_release_signal_stack(info->signalStack, info->signalStackSize);
+            }
             list.entries.erase(it);
             ++list.removals;
+            free(info);
             break;
         }
     }
     KVOS_mutexUnlock(&list.lock);
-    // Unlinked: nobody can reach the entry any more, so its memory goes
-    // without holding up the list.
-    if (info) {
-        free(info->name);
-        kvos_task_release_stack(info->stack, info->stackSize);
-        if (info->signalStack) {
-            kvos_task_release_signal_stack(info->signalStack, info->signalStackSize);
-        }
-        free(info);
-    }
 }
 
 std::vector<TaskRef> kvos_taskListSnapshot(void)
