@@ -44,10 +44,9 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -94,16 +93,61 @@ ThreadInfo gReaperStop;
  * KVOS_taskExit. A thread in the table and not being joined has a valid
  * handle. `reaperDone` is set when the reaper's loop has ended. */
 struct LiveTasks {
-    std::mutex lock;
-    std::condition_variable changed;
+    /* The lock of a system mutex with the KVOS attributes (priority
+     * inheritance when root: tasks of every priority wait here), and a
+     * condition on the monotonic clock. */
+    pthread_mutex_t lock;
+    pthread_cond_t changed;
     std::unordered_map<pthread_t, bool> joining;
     bool reaperDone = false;
+
+    LiveTasks()
+    {
+        kvos_os::mutexInit(&lock, false);
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        pthread_cond_init(&changed, &attr);
+        pthread_condattr_destroy(&attr);
+    }
+
+    /* Holds the lock; a cancellation while waiting unwinds through it. */
+    struct Guard {
+        explicit Guard(LiveTasks& live) : live_(live) { kvos_os::mutexLock(&live_.lock); }
+        ~Guard() { kvos_os::mutexUnlock(&live_.lock); }
+        Guard(const Guard&) = delete;
+        Guard& operator=(const Guard&) = delete;
+        LiveTasks& live_;
+    };
+
+    void wait() { pthread_cond_wait(&changed, &lock); }
+    /* False once `deadline` (monotonic) has passed. */
+    bool waitUntil(const struct timespec& deadline)
+    {
+        return pthread_cond_timedwait(&changed, &lock, &deadline) != ETIMEDOUT;
+    }
+    void notifyAll() { pthread_cond_broadcast(&changed); }
 };
 
 LiveTasks& liveTasks()
 {
     static auto* live = new LiveTasks;
     return *live;
+}
+
+struct timespec monotonicIn(int seconds)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    t.tv_sec += seconds;
+    return t;
+}
+
+bool passed(const struct timespec& deadline)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
 }
 
 /* Set by KVOS_taskExit: the task ends without an exit message. */
@@ -453,7 +497,7 @@ void* pthread_wrapper(void* p)
 void markJoining(pthread_t tid)
 {
     LiveTasks& live = liveTasks();
-    std::lock_guard<std::mutex> guard(live.lock);
+    LiveTasks::Guard guard(live);
     auto it = live.joining.find(tid);
     if (it != live.joining.end()) {
         it->second = true;
@@ -463,9 +507,9 @@ void markJoining(pthread_t tid)
 void markReaped(pthread_t tid)
 {
     LiveTasks& live = liveTasks();
-    std::lock_guard<std::mutex> guard(live.lock);
+    LiveTasks::Guard guard(live);
     live.joining.erase(tid);
-    live.changed.notify_all();
+    live.notifyAll();
 }
 
 void* threadReaperMain(void* p)
@@ -503,9 +547,9 @@ void* threadReaperMain(void* p)
         free(msg);
     }
     LiveTasks& live = liveTasks();
-    std::lock_guard<std::mutex> guard(live.lock);
+    LiveTasks::Guard guard(live);
     live.reaperDone = true;
-    live.changed.notify_all();
+    live.notifyAll();
     return nullptr;
 }
 
@@ -640,7 +684,7 @@ KVOS_TASK_ID KVOS_taskCreate(KVOS_TASK_ENTRY entry, void* arg, KVOS_TASK_ATTR* a
     int rc;
     {
         LiveTasks& live = liveTasks();
-        std::lock_guard<std::mutex> guard(live.lock);
+        LiveTasks::Guard guard(live);
         rc = kvos_syscalls().threadCreate.load()(&tid, &tattr, pthread_wrapper, ctx);
         if (rc == 0) {
             live.joining.emplace(tid, false);
@@ -687,8 +731,10 @@ bool KVOS_taskJoin(KVOS_TASK_ID tid)
         return false;
     }
     LiveTasks& live = liveTasks();
-    std::unique_lock<std::mutex> guard(live.lock);
-    live.changed.wait(guard, [&] { return live.joining.count(tid) == 0; });
+    LiveTasks::Guard guard(live);
+    while (live.joining.count(tid) != 0) {
+        live.wait();
+    }
     return true;
 }
 
@@ -716,11 +762,11 @@ void KVOS_taskExit(void)
         // No exit message: the reaper will never join this thread, so it
         // is detached, and it has ended as far as KVOS_taskJoin is
         // concerned. It stays listed with its stacks.
-        std::lock_guard<std::mutex> guard(live.lock);
+        LiveTasks::Guard guard(live);
         if (live.joining.erase(pthread_self()) != 0) {
             tEndsThroughTaskExit = true;
             pthread_detach(pthread_self());
-            live.changed.notify_all();
+            live.notifyAll();
         }
     }
     pthread_exit(nullptr);
@@ -750,7 +796,7 @@ namespace {
 bool signalIfNotJoining(KVOS_TASK_ID tid)
 {
     LiveTasks& live = liveTasks();
-    std::lock_guard<std::mutex> guard(live.lock);
+    LiveTasks::Guard guard(live);
     auto it = live.joining.find(tid);
     if (it != live.joining.end() && it->second) {
         return false;
@@ -766,7 +812,7 @@ bool tidGone(int lwp)
 
 /* Stops the reaper once it has handled everything posted before, and waits
  * (until `deadline`) for its thread to be gone. */
-void stopReaper(std::chrono::steady_clock::time_point deadline)
+void stopReaper(const struct timespec& deadline)
 {
     if (!gReaperRunning.exchange(false)) {
         return;
@@ -776,12 +822,14 @@ void stopReaper(std::chrono::steady_clock::time_point deadline)
     }
     LiveTasks& live = liveTasks();
     {
-        std::unique_lock<std::mutex> guard(live.lock);
-        if (!live.changed.wait_until(guard, deadline, [&] { return live.reaperDone; })) {
-            return;
+        LiveTasks::Guard guard(live);
+        while (!live.reaperDone) {
+            if (!live.waitUntil(deadline)) {
+                return;
+            }
         }
     }
-    while (!tidGone(gReaperLwp) && std::chrono::steady_clock::now() < deadline) {
+    while (!tidGone(gReaperLwp) && !passed(deadline)) {
         KVOS_usleep(200);
     }
 }
@@ -799,28 +847,30 @@ void KVOS_taskBacktraceAllOtherTasks(void)
 
 int kvos_task_cancel_all(void)
 {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(2);
+    const struct timespec deadline = monotonicIn(2);
     LiveTasks& live = liveTasks();
-    std::vector<pthread_t> cancelled;
-    std::unique_lock<std::mutex> guard(live.lock);
-    // Every task created and not yet being joined, listed or about to be:
-    // their handles stay valid while the table's lock is held.
-    for (const auto& task : live.joining) {
-        if (!task.second && !pthread_equal(task.first, pthread_self())) {
-            pthread_cancel(task.first);
-            cancelled.push_back(task.first);
-        }
-    }
-    live.changed.wait_until(guard, deadline, [&] {
-        for (pthread_t tid : cancelled) {
-            if (live.joining.count(tid) != 0) {
-                return false;
+    {
+        LiveTasks::Guard guard(live);
+        // Every task created and not yet being joined, listed or about to
+        // be: their handles stay valid while the table's lock is held.
+        std::vector<pthread_t> cancelled;
+        for (const auto& task : live.joining) {
+            if (!task.second && !pthread_equal(task.first, pthread_self())) {
+                pthread_cancel(task.first);
+                cancelled.push_back(task.first);
             }
         }
-        return true;
-    });
-    guard.unlock();
+        auto allGone = [&] {
+            for (pthread_t tid : cancelled) {
+                if (live.joining.count(tid) != 0) {
+                    return false;
+                }
+            }
+            return true;
+        };
+        while (!allGone() && live.waitUntil(deadline)) {
+        }
+    }
     stopReaper(deadline);
     stackCache().releaseAll();
     return 0;
