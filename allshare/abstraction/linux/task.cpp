@@ -48,7 +48,6 @@
 #include <unistd.h>
 
 #include <mutex>
-#include <algorithm>
 #include <unordered_map>
 #include <vector>
 
@@ -354,7 +353,10 @@ __attribute__((no_sanitize("address", "thread"))) void restoreMarker(void* stack
     while (untouched < words && word[untouched] == KVOS_STACK_MARKER) {
         ++untouched;
     }
-    std::fill(word + untouched, word + words, KVOS_STACK_MARKER);
+    // A loop here, not std::fill: a call out would be instrumented.
+    for (size_t i = untouched; i < words; ++i) {
+        word[i] = KVOS_STACK_MARKER;
+    }
 }
 
 void* allocateTaskStack(size_t size)
