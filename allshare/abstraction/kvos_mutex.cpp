@@ -4,7 +4,7 @@
  * The list holds the callers' handle pointers in creation order. Its lock,
  * "mutexListLock", is itself a KVOS mutex and the list's first entry, so
  * the additions counter starts at 1 and the dump always shows that lock as
- * "locked" (the dump holds it). Misuse of any mutex is fatal: it is logged
+ * "locked" (the dump holds it while it formats). Misuse of any mutex is fatal: it is logged
  * and the process aborts, because a broken lock discipline cannot be
  * recovered from at run time.
  */
@@ -17,6 +17,8 @@
 
 #include <list>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "kvos_log.h"
 #include "linux/kvos_os.h"
@@ -178,8 +180,12 @@ void KVOS_mutexDump(KVOS_MUTEX_OUT_FUNC out, int arg)
     static_assert(sizeof(kHeader) - 1 == 120, "the dump header is 120 characters");
     out(arg, kHeader, 120);
 
+    // The lines are formatted under the list lock and written after it is
+    // released: the output function may itself use mutexes.
+    std::vector<std::string> lines;
     MutexList& list = mutexList();
     KVOS_mutexLock(&list.lock);
+    lines.reserve(list.entries.size());
     for (KVOS_MUTEX* m : list.entries) {
         MutexRecord* rec = record(m);
         const char* status = "locked";
@@ -191,13 +197,16 @@ void KVOS_mutexDump(KVOS_MUTEX_OUT_FUNC out, int arg)
         int n = snprintf(line, sizeof(line), "%-20s %p %8s %8u  %8u\n", rec->name,
                          static_cast<void*>(rec), status, rec->taken.load(std::memory_order_relaxed),
                          rec->blocked.load(std::memory_order_relaxed));
-        out(arg, line, static_cast<unsigned>(n < static_cast<int>(sizeof(line)) ? n : sizeof(line) - 1));
+        lines.emplace_back(line, n < static_cast<int>(sizeof(line)) ? n : sizeof(line) - 1);
     }
     size_t size = list.entries.size();
     size_t additions = list.additions;
     size_t removals = list.removals;
     KVOS_mutexUnlock(&list.lock);
 
+    for (const std::string& line : lines) {
+        out(arg, line.data(), static_cast<unsigned>(line.size()));
+    }
     char info[100];
     int n = snprintf(info, sizeof(info), "List info: size %zu, additions %zu, removals %zu\n", size,
                      additions, removals);

@@ -4,9 +4,12 @@
  * mutex "taskListLock". Only the reaper adds and removes entries, and it
  * releases a task's stacks when it removes the entry.
  *
- * taskList_foreach walks the list without the lock (cancel-all and
- * backtrace-all use it while the process is going down); callers that need
- * a consistent view use the counters or the dump, which take the lock.
+ * taskList_foreach walks the list without the lock, as it always has; the
+ * library's own walkers (cancel-all, backtrace-all) copy the list under the
+ * lock instead and touch a thread only while it is still listed.
+ *
+ * The dumps format every line under the lock and write them after it is
+ * released, so an output function or stream may use the library itself.
  */
 #include <stdarg.h>
 #include <stdio.h>
@@ -18,6 +21,7 @@
 
 #include "abstraction/kvos_mutex.h"
 #include "abstraction/kvos_task.h"
+#include "kvos_task_internal.h"
 #include "linux/kvos_os.h"
 
 namespace {
@@ -70,6 +74,12 @@ void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t sta
                   size_t signalStackSize)
 {
     kvos_os::setThreadName(tid, name);
+    kvos_taskListAdd(name, pid, tid, stack, stackSize, signalStack, signalStackSize);
+}
+
+void kvos_taskListAdd(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize, void* signalStack,
+                      size_t signalStackSize)
+{
     auto* info = static_cast<ThreadInfo*>(calloc(1, sizeof(ThreadInfo)));
     info->taken = 1;
     info->name = name;
@@ -89,15 +99,17 @@ void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t sta
 
 void unregisterTask(int pid, KVOS_TASK_ID tid)
 {
+    // The stacks are released before the removal is counted, so that a
+    // caller who sees the count grow also sees the memory back.
     TaskList& list = taskList();
     KVOS_mutexLock(&list.lock);
     for (auto it = list.entries.begin(); it != list.entries.end(); ++it) {
         ThreadInfo* info = *it;
         if (info->pid == pid && info->tid == tid) {
             free(info->name);
-            deallocate_stack(info->stack, info->stackSize);
+            kvos_task_release_stack(info->stack, info->stackSize);
             if (info->signalStack) {
-                deallocate_stack(info->signalStack, info->signalStackSize);
+                kvos_task_release_signal_stack(info->signalStack, info->signalStackSize);
             }
             list.entries.erase(it);
             ++list.removals;
@@ -106,6 +118,34 @@ void unregisterTask(int pid, KVOS_TASK_ID tid)
         }
     }
     KVOS_mutexUnlock(&list.lock);
+}
+
+std::vector<TaskRef> kvos_taskListSnapshot(void)
+{
+    TaskList& list = taskList();
+    std::vector<TaskRef> refs;
+    KVOS_mutexLock(&list.lock);
+    refs.reserve(list.entries.size());
+    for (ThreadInfo* info : list.entries) {
+        refs.push_back({info->tid, info->pid});
+    }
+    KVOS_mutexUnlock(&list.lock);
+    return refs;
+}
+
+bool kvos_taskListWithListed(const TaskRef& ref, bool (*fn)(KVOS_TASK_ID))
+{
+    TaskList& list = taskList();
+    bool ran = false;
+    KVOS_mutexLock(&list.lock);
+    for (ThreadInfo* info : list.entries) {
+        if (info->pid == ref.pid && pthread_equal(info->tid, ref.tid)) {
+            ran = fn(ref.tid);
+            break;
+        }
+    }
+    KVOS_mutexUnlock(&list.lock);
+    return ran;
 }
 
 void taskList_foreach(void (*fn)(ThreadInfo*))
@@ -163,8 +203,9 @@ __attribute__((no_sanitize("address", "thread"))) size_t check_stack_usage(void*
     return n * 4;
 }
 
-void KVOS_taskDump(std::ostream& os)
+void KVOS_taskDump(std::ostream& out)
 {
+    std::ostringstream os;
     TaskList& list = taskList();
     KVOS_mutexLock(&list.lock);
     for (ThreadInfo* info : list.entries) {
@@ -181,6 +222,7 @@ void KVOS_taskDump(std::ostream& os)
     size_t removals = list.removals;
     KVOS_mutexUnlock(&list.lock);
     appendLine(os, "List info: size %zu, additions %zu, removals %zu\n", size, additions, removals);
+    out << os.str();
 }
 
 void KVOS_taskDump(KVOS_TASK_OUT_FUNC out, int arg)

@@ -2,8 +2,13 @@
  * stopping and restarting without spinning, and a real method call served
  * on the "DBus dispatcher" task through a private bus daemon. */
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <mutex>
 
 #include <dbus-c++/dbus.h>
+#include <dbus/dbus.h>
 
 #include "abstraction/dbusthread.h"
 #include "support.h"
@@ -115,16 +120,19 @@ TEST(DBusThreadTest, MethodCallIsServedOnTheDispatcherTask)
 {
     PrivateBus bus;
     ASSERT_TRUE(bus.pid_ > 0 && !bus.address_.empty()) << "dbus-daemon could not be started";
-    KVOS_TASK_ID dispatcherTask = DBusThread::instance().taskId(), servedOn = 0;
+    KVOS_TASK_ID dispatcherTask = 0, servedOn = 0;
+    DBusThread::instance().stop();  // connections are made while no loop runs
     {
         DBus::Connection server(bus.address_.c_str(), true);
         ASSERT_TRUE(server.register_bus());
         EchoAdaptor echo(server);
         DBus::Connection client(bus.address_.c_str(), true);
         ASSERT_TRUE(client.register_bus());
-        struct StopFirst {  // the loop must be stopped before the connections go
+        struct StopFirst {  // and destroyed after the loop has stopped
             ~StopFirst() { DBusThread::instance().stop(); }
         } stopFirst;
+        DBusThread::instance().start();
+        dispatcherTask = DBusThread::instance().taskId();
         for (int i = 0; i < 3; ++i) {
             DBus::CallMessage call(server.unique_name(), "/org/korvenda/Test", "org.korvenda.Test", "Echo");
             DBus::MessageIter args = call.writer();
@@ -141,4 +149,49 @@ TEST(DBusThreadTest, MethodCallIsServedOnTheDispatcherTask)
     }
     EXPECT_TRUE(pthread_equal(dispatcherTask, servedOn));
     DBusThread::instance().start();
+}
+
+namespace {
+std::mutex gOurs;
+}  // namespace
+
+TEST(DBusThreadDeathTest, InversionsWithOurLocksThroughLibdbusAreReported)
+{
+    // The sanitizer suppressions name only the watch-list frames of the D-Bus
+    // libraries' own inversion; one between a lock of ours and a
+    // connection's lock must still stop the run.
+    if (!KV_TSAN) {
+        GTEST_SKIP() << "needs the ThreadSanitizer build";
+    }
+    const char* options = getenv("TSAN_OPTIONS");
+    if (options == nullptr || strstr(options, "suppressions=") == nullptr) {
+        GTEST_SKIP() << "run with the project's TSAN_OPTIONS (ctest under make tsan)";
+    }
+    EXPECT_EXIT(
+        {
+            // A peer-to-peer connection to a listener of our own: no daemon.
+            DBusError err;
+            dbus_error_init(&err);
+            DBusServer* server = dbus_server_listen("unix:tmpdir=/tmp", &err);
+            char* address = server ? dbus_server_get_address(server) : nullptr;
+            DBusConnection* conn = address ? dbus_connection_open_private(address, &err) : nullptr;
+            if (conn == nullptr) {
+                _exit(2);
+            }
+            // libdbus calls the add function holding the connection's lock.
+            dbus_connection_set_watch_functions(
+                conn,
+                [](DBusWatch*, void*) -> dbus_bool_t {
+                    std::lock_guard<std::mutex> guard(gOurs);
+                    return TRUE;
+                },
+                nullptr, nullptr, nullptr, nullptr);
+            {
+                std::lock_guard<std::mutex> guard(gOurs);
+                dbus_connection_get_is_connected(conn);  // takes the connection's lock
+            }
+            fprintf(stderr, "not reported\n");
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(66), "lock-order-inversion");
 }

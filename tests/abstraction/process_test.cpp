@@ -123,3 +123,28 @@ TEST_F(KvosInitDeathTest, APathThatDoesNotFitIsLoggedAndInitGoesOn)
         "Detail=\"Buffer too small to hold fifo path\" Buffer size=\"512\"(.|\n)*"
         "Detail=\"Buffer too small to hold tshell fifo path\" Buffer size=\"512\"(.|\n)*inited=1");
 }
+
+namespace {
+void neverRuns(void*) {}
+}  // namespace
+
+TEST_F(KvosInitDeathTest, TasksNeedTheReaperAndInitNeedsItRunning)
+{
+    // Before KVOS_init there is no reaper to hand the task to.
+    KVOS_TASK_ATTR* attr = KVOS_taskAttrCreate();
+    EXPECT_DEATH(KVOS_taskCreate(neverRuns, nullptr, attr),
+                 "\\*\\*\\*\\*\\* Internal Program Error - assertion \\(reaperRunning\\(\\)\\) failed in ");
+    KVOS_taskAttrDestroy(attr);
+
+    // A reaper that cannot be started stops the initialisation.
+    EXPECT_DEATH(
+        {
+            installPrivatePathMap();
+            logToStderr();
+            kvos_syscalls().threadCreate = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+                return EAGAIN;
+            };
+            KVOS_init();
+        },
+        "ERROR -  Detail=\"Thread creation failed\" Name=\"reaperT\" Reason=\"11\"");
+}

@@ -12,6 +12,15 @@
  * kept for the connections that still refer to it. A connection must not be
  * destroyed while a loop runs for it (the loop may still dispatch it):
  * stop the thread first, destroy the connections, then start it again.
+ *
+ * Make connections while the thread is stopped too. A connection adds its
+ * watches to the dispatcher's watch list while libdbus holds the
+ * connection's lock, and the running loop handles a ready watch, which
+ * takes the connection's lock, while it holds the watch-list lock: a
+ * connection made or destroyed while the loop runs can deadlock with it.
+ * So: stop(), make (or destroy) the connections with their proxies and
+ * adaptors, start(). KVOS_init starts the thread before any connection
+ * exists.
  */
 #ifndef ABSTRACTION_DBUSTHREAD_H
 #define ABSTRACTION_DBUSTHREAD_H

@@ -6,7 +6,9 @@
  * created: it creates the FIFO directories under the PATH_TYPE_TMP path,
  * starts the thread reaper, registers the Linux error texts, starts the tick
  * clock, creates the process-data key and, last, starts the D-Bus dispatcher
- * task. KVOS_cleanup cancels every listed task but the caller.
+ * task. KVOS_cleanup cancels every task but the caller, waits (at most 2
+ * seconds) until the reaper has joined and released them, and stops the
+ * reaper; no task may be created after it.
  *
  * Path map: a singly linked list of (type, directory) entries, newest first.
  * KVOS_getPath joins the first entry of a type with a name. When no map has

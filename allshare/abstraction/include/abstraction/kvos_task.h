@@ -4,16 +4,34 @@
  *
  * Every task stack is fenced by an inaccessible guard page below and above
  * it and pre-filled with the marker word 0xdadefee1, so the deepest use can
- * be measured later; an overflow faults on the lower guard page. Every task
- * also gets its own alternate signal stack (1,024,000 bytes), so a handler
- * for that fault can still run.
+ * be measured later; an overflow faults on the lower guard page. The C
+ * library keeps each thread's control block and thread-local storage at the
+ * top of its stack; a task's stack is mapped larger by that block, so the
+ * task can use the whole size it asked for, and the dump shows and measures
+ * the size asked for. Every task also gets its own alternate signal stack
+ * (1,024,000 bytes), so a handler for that fault can still run.
  *
  * Tasks are joined and their memory released by one service thread, the
  * reaper "reaperT", which learns of each start and end through the pointer
- * queue "reaperQ" (20 entries). The posts never block: when the queue is
- * full a start or exit message is lost, and the task is then never listed,
- * or never joined and released. A task that ends through KVOS_taskExit
- * posts no exit message and stays listed.
+ * queue "reaperQ" (20 entries). A task's start and exit posts wait for room
+ * in the queue, so no task is lost however many start or end at once; a
+ * task that is cancelled still posts its exit. A task that ends through
+ * KVOS_taskExit posts no exit message and stays listed.
+ *
+ * The reaper is the only thread that joins tasks. KVOS_taskJoin does not
+ * join: it waits until the task has ended (returned and been reaped, been
+ * cancelled and reaped, or called KVOS_taskExit) and then answers true,
+ * however long after the end it is called. It answers false for the
+ * calling thread itself, and true at once for a handle that is not a live
+ * task. Handles are reused once the reaper has released a task, so a join
+ * long after the end may wait for a later task with the same handle.
+ *
+ * kvos_task_cancel_all (KVOS_cleanup) cancels every task created and not
+ * yet reaped except the caller, waits until the reaper has joined and
+ * released them, for at most 2 seconds, then stops the reaper. Tasks may
+ * not be created before KVOS_init or after KVOS_cleanup (an assertion).
+ * KVOS_taskBacktraceAllOtherTasks signals a task only while it is still
+ * listed, so tasks may end while it runs.
  *
  * When the process runs as root, tasks get round-robin real-time scheduling;
  * attribute priorities count like a classic real-time kernel's (0 is the
@@ -129,8 +147,10 @@ KVOS_TASK_ID KVOS_taskCreateOld(KVOS_TASK_ENTRY entry, KVOS_TASK_PRI priority, v
                                 const char* name, int stackSize);
 /** Handle of the calling task (its thread). */
 KVOS_TASK_ID KVOS_taskID(void);
-/** Waits for the thread to end; true when it was joined. Tasks made by KVOS_taskCreate are joined
- * by the reaper: do not join them as well. */
+/** Waits until the task has ended (returned and been reaped, been cancelled and reaped, or called
+ * KVOS_taskExit) and answers true, however long after the end it is called; it never joins (the
+ * reaper does). False for the calling thread itself; true at once for a handle that is not a live
+ * task. */
 bool KVOS_taskJoin(KVOS_TASK_ID tid);
 /** Kept for older callers: tasks never stop, so there is nothing to resume. Returns 1. */
 int KVOS_taskResume(KVOS_TASK_ID tid);
@@ -145,16 +165,19 @@ int KVOS_taskRelinquish(void);
 /** Pins the thread to the one processor `cpu` (counted from 0); true on success, false when the
  * system refuses, for example for a processor that does not exist. */
 bool KVOS_setAffinity(KVOS_TASK_ID tid, unsigned long cpu);
-/** Sends SIGUSR1 to every other listed task, 200 ms apart, for a handler that prints backtraces;
- * walks the task list without its lock, so use it while the process is going down. */
+/** Sends SIGUSR1 to every other listed task, 200 ms apart, for a handler that prints backtraces.
+ * Works from a snapshot of the list and signals a task only while it is still listed, so tasks may
+ * end while it runs. */
 void KVOS_taskBacktraceAllOtherTasks(void);
-/** Cancels every other listed task, then sleeps two seconds so they can unwind; returns the sleep's
- * result. Backs KVOS_cleanup. */
+/** Cancels every task created and not yet reaped except the caller, waits until the reaper has
+ * joined and released them (at most 2 seconds), then stops the reaper. Backs KVOS_cleanup. */
 int kvos_task_cancel_all(void);
 /** Starts the reaper task and its queue; KVOS_init calls it once, before any task is created. */
 void kvos_task_init(void);
 
-/** Task list dump: one line per task, then "List info: ...". */
+/** Task list dump: one line per task, then "List info: ...". The text is
+ * formatted under the list's lock and written after it is released, so the
+ * stream or output function may use the library. */
 void KVOS_taskDump(std::ostream& os);
 /** The same dump, handed to out(arg, text, length) in one piece. */
 void KVOS_taskDump(KVOS_TASK_OUT_FUNC out, int arg);
@@ -169,7 +192,8 @@ void RTOS_tdumplist(unsigned arg, KVOS_TASK_OUT_FUNC out);
  * library.
  */
 
-/** Task list. registerTask takes over `name` (a heap copy). */
+/** Task list. registerTask takes over `name` (a heap copy); unregisterTask
+ * releases the entry's stacks as task creation allocated them. */
 void registerTask(char* name, int pid, KVOS_TASK_ID tid, void* stack, size_t stackSize,
                   void* signalStack, size_t signalStackSize);
 void unregisterTask(int pid, KVOS_TASK_ID tid);
@@ -182,6 +206,12 @@ size_t kvos_taskListRemovals(void);
 /* True while a task with this handle is listed (read under the lock). A
  * task leaves the list when the reaper has joined it. */
 bool kvos_taskIsListed(KVOS_TASK_ID tid);
+
+/** Released task stacks and signal stacks that the reaper keeps for later
+ * tasks (at most 16 task stacks of 4 MiB in all, and 4 signal stacks), and
+ * their release (KVOS_cleanup releases them too). */
+size_t kvos_taskCachedStacks(void);
+void kvos_taskReleaseCachedStacks(void);
 
 /** Stacks. allocate_stack returns the lowest usable address, or null. */
 void* allocate_stack(size_t size);
