@@ -126,34 +126,67 @@ bool KVSockOpts_anyOptionSet(const KVNET_SOCKOPTS* opts);
 /* Setters: each stores its value and sets its bit. */
 /** Copies at most 49 characters of name and terminates. */
 void KVSockOpts_setProtoName(KVNET_SOCKOPTS* opts, const char* name);
+/** Whether the caller builds the IP header itself: applied as IP_HDRINCL, 1
+ * for true and 0 for false. The system takes it on raw sockets only; on
+ * another, KVNET_applySockOpts fails at that step. */
 void KVSockOpts_setIPHdrInclude(KVNET_SOCKOPTS* opts, bool include);
+/** Copies the mode and value of *qos (not null) into the record's QoS
+ * parameters, as KVNET_setQoSParams. */
 void KVSockOpts_setQoS(KVNET_SOCKOPTS* opts, const KVNET_QOS_PARAMS* qos);
+/** QoS mode DIFFSERV with code point dscp, as KVNET_setQoSParamsDiffServ:
+ * kept to 16 bits and not checked against 0..63 here; the socket gets
+ * dscp << 2. */
 void KVSockOpts_setQoSDiffServ(KVNET_SOCKOPTS* opts, unsigned dscp);
+/** QoS mode RAW with value raw, as KVNET_setQoSParamsRaw: kept to 16 bits
+ * here and handed to the socket as it is. */
 void KVSockOpts_setQoSRaw(KVNET_SOCKOPTS* opts, unsigned raw);
 /** Copies both addresses and the interface number. */
 void KVSockOpts_setMulticastGroup(KVNET_SOCKOPTS* opts, const NET_ADDR* group, const NET_ADDR* ifaddr,
                                   int ifno);
+/** Time-to-live of outgoing multicast; only its low byte reaches the socket
+ * (256 is written as 0). */
 void KVSockOpts_setMulticastTTL(KVNET_SOCKOPTS* opts, int ttl);
 /** No value: no-delay is always switched on. */
 void KVSockOpts_setTcpNoDelay(KVNET_SOCKOPTS* opts);
+/** Stores reuse, but the option is applied as 1 whatever its value: false
+ * does not switch reuse-address off (see the file comment). */
 void KVSockOpts_setReuseAddress(KVNET_SOCKOPTS* opts, bool reuse);
+/** Receive buffer size in bytes, handed to SO_RCVBUF as it is (the system
+ * bounds it by its own limits and reports back double the value). */
 void KVSockOpts_setRcvBuf(KVNET_SOCKOPTS* opts, int bytes);
 /** No value: the record-route IP option. */
 void KVSockOpts_setIPRecordRoute(KVNET_SOCKOPTS* opts);
+/** Stores keepAlive, but the option is applied as 1 whatever its value:
+ * false does not switch keep-alive off (see the file comment). */
 void KVSockOpts_setKeepAlive(KVNET_SOCKOPTS* opts, bool keepAlive);
+///@{
+/** TCP keep-alive tuning: seconds of idleness before the first probe, seconds
+ * between probes, and unanswered probes before the connection is dropped.
+ * Values are handed to the system as they are; one it refuses (0 or negative,
+ * or above its limit) makes KVNET_applySockOpts fail at that step. */
 void KVSockOpts_setTcpKeepIdle(KVNET_SOCKOPTS* opts, int seconds);
 void KVSockOpts_setTcpKeepIntvl(KVNET_SOCKOPTS* opts, int seconds);
 void KVSockOpts_setTcpKeepCnt(KVNET_SOCKOPTS* opts, int probes);
+///@}
 
+///@{
 /** Getters: the stored value, whether or not its bit is set. */
 const char* KVSockOpts_protoName(const KVNET_SOCKOPTS* opts);
 bool KVSockOpts_ipHdrInclude(const KVNET_SOCKOPTS* opts);
+/** The record's QoS parameters: a pointer into *opts, valid as long as the
+ * record is. */
 const KVNET_QOS_PARAMS* KVSockOpts_qosParams(const KVNET_SOCKOPTS* opts);
 KVNET_QOS_MODE KVSockOpts_qosMode(const KVNET_SOCKOPTS* opts);
 /** As KVNET_qosDiffServ and KVNET_qosRaw, on the record's QoS parameters. */
 bool KVSockOpts_qosDiffServ(const KVNET_SOCKOPTS* opts, uint16_t* out);
+/** As KVNET_qosRaw on the record's QoS parameters: the raw value and true in
+ * RAW mode; otherwise a line on standard error, false and *out untouched. */
 bool KVSockOpts_qosRaw(const KVNET_SOCKOPTS* opts, uint16_t* out);
+/** The stored multicast group (unset after KVSockOpts_init): a pointer into
+ * *opts, valid as long as the record is. */
 const NET_ADDR* KVSockOpts_multicastGroup(const KVNET_SOCKOPTS* opts);
+/** The stored interface address of the membership (unset after
+ * KVSockOpts_init): a pointer into *opts, valid as long as the record is. */
 const NET_ADDR* KVSockOpts_interfaceAddr(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_interfaceNo(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_multicastTTL(const KVNET_SOCKOPTS* opts);
@@ -163,6 +196,7 @@ bool KVSockOpts_keepAlive(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_tcpKeepIdle(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_tcpKeepIntvl(const KVNET_SOCKOPTS* opts);
 int KVSockOpts_tcpKeepCnt(const KVNET_SOCKOPTS* opts);
+///@}
 
 /** Applies the options whose bits are set, in this order, stopping at the
  * first failure:
@@ -181,6 +215,7 @@ int KVSockOpts_tcpKeepCnt(const KVNET_SOCKOPTS* opts);
  * that writes nothing counts as applied with 0. */
 int KVNET_applySockOpts(KVNET_SOCK_ID sock, const KVNET_SOCKOPTS* opts, KVNET_SOCK_DOMAIN domain);
 
+///@{
 /** setsockopt/getsockopt on the layer's levels and options:
  *   SOL_SOCKET   SOCKET_REUSE_ADDR, SO_RCVBUF, SO_BROADCAST, SO_KEEPALIVE
  *   SOL_TCP and IPPROTO_TCP   TCP_NODELAY, TCP_KEEPIDLE, TCP_KEEPINTVL,
@@ -197,6 +232,7 @@ int KVNET_applySockOpts(KVNET_SOCK_ID sock, const KVNET_SOCKOPTS* opts, KVNET_SO
  * KVNET_getsockopt updates *length to the size read. */
 int KVNET_setsockopt(KVNET_SOCK_ID sock, int level, int option, const void* value, unsigned length);
 int KVNET_getsockopt(KVNET_SOCK_ID sock, int level, int option, void* value, unsigned* length);
+///@}
 
 #pragma GCC visibility pop
 #endif

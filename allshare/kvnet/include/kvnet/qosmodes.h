@@ -59,6 +59,8 @@ void KVNET_setQoSParamsUndef(KVNET_QOS_PARAMS* p);
 void KVNET_setQoSParamsDiffServ(KVNET_QOS_PARAMS* p, unsigned dscp);
 /** Mode RAW with value raw (kept to 16 bits). */
 void KVNET_setQoSParamsRaw(KVNET_QOS_PARAMS* p, unsigned raw);
+/** The stored mode, which may lie outside the enumeration when the record
+ * was filled by hand (see the file comment). */
 KVNET_QOS_MODE KVNET_qosMode(const KVNET_QOS_PARAMS* p);
 /** In DIFFSERV mode: *out = the code point, true. Otherwise writes
  * "KVNET_qosDiffServ: QoS mode not diffserv\n" to standard error and answers
@@ -72,6 +74,8 @@ bool KVNET_qosRaw(const KVNET_QOS_PARAMS* p, uint16_t* out);
  * equal; for UNDEF always (the value does not count). Records whose mode is
  * none of the three are never equal, not even to themselves. */
 bool operator==(const KVNET_QOS_PARAMS& a, const KVNET_QOS_PARAMS& b);
+/** Exactly !(a == b): true for a record whose mode is none of the three,
+ * even when it is compared with itself. */
 bool operator!=(const KVNET_QOS_PARAMS& a, const KVNET_QOS_PARAMS& b);
 
 /** INET for an IPv4 address, INET6 for IPv6, LOCAL for anything else. */

@@ -112,16 +112,21 @@ bool NET_ADDR_fromString(NET_ADDR* a, const char* text);
  * bytes are always enough. */
 int NET_ADDR_toString(const NET_ADDR* a, char* buf, size_t len);
 
+///@{
 /** Builders. NET_ADDR_fromIPv4 takes the address in host byte order
  * (0xC0000201 is 192.0.2.1); NET_ADDR_fromIPv6 the 16 octets and a scope id.
  * Both leave the port undefined and the protocol undefined. */
 void NET_ADDR_fromIPv4(NET_ADDR* a, uint32_t hostOrder);
 void NET_ADDR_fromIPv6(NET_ADDR* a, const uint8_t octets[16], uint32_t scopeId);
+///@}
+///@{
 /** The "any" address (0.0.0.0, ::) or the loopback (127.0.0.1, ::1) address of a
  * family; false and *a unset for NET_ADDR_TYPE_UNDEF or another value. */
 bool NET_ADDR_setAny(NET_ADDR* a, NET_ADDR_TYPE type);
 bool NET_ADDR_setLoopback(NET_ADDR* a, NET_ADDR_TYPE type);
+///@}
 
+///@{
 /** To the system's socket addresses. The port goes into sin_port/sin6_port
  * (0 when undefined), the zone into sin6_scope_id. False, with the output
  * untouched, when *a is not of the wanted family (NET_ADDR_toSockaddr:
@@ -130,7 +135,9 @@ bool NET_ADDR_setLoopback(NET_ADDR* a, NET_ADDR_TYPE type);
 bool NET_ADDR_toSockaddrIn(const NET_ADDR* a, struct sockaddr_in* sin);
 bool NET_ADDR_toSockaddrIn6(const NET_ADDR* a, struct sockaddr_in6* sin6);
 bool NET_ADDR_toSockaddr(const NET_ADDR* a, struct sockaddr_storage* ss, socklen_t* sslen);
+///@}
 
+///@{
 /** From the system's socket addresses. Port 0 ("any port") becomes
  * NET_IP_PORT_UNDEF; the protocol is left undefined. NET_ADDR_fromSockaddr
  * accepts AF_INET and AF_INET6 of at least their record's size; anything else
@@ -138,15 +145,23 @@ bool NET_ADDR_toSockaddr(const NET_ADDR* a, struct sockaddr_storage* ss, socklen
 void NET_ADDR_fromSockaddrIn(NET_ADDR* a, const struct sockaddr_in* sin);
 void NET_ADDR_fromSockaddrIn6(NET_ADDR* a, const struct sockaddr_in6* sin6);
 bool NET_ADDR_fromSockaddr(NET_ADDR* a, const struct sockaddr* sa, socklen_t salen);
+///@}
 
 /* ---- Fields ---------------------------------------------------------------- */
 
+/** The family: IPv4, IPv6, or NET_ADDR_TYPE_UNDEF for the unset address. A
+ * value stored by hand outside the enumeration is returned as it is. */
 NET_ADDR_TYPE NET_ADDR_type(const NET_ADDR* a);
+/** The port, 0..65535, or NET_IP_PORT_UNDEF when there is none. */
 NET_IP_PORT NET_ADDR_port(const NET_ADDR* a);
+/** Whether a port is set: NET_ADDR_port(a) != NET_IP_PORT_UNDEF. */
 bool NET_ADDR_hasPort(const NET_ADDR* a);
 /** Sets the port; false and nothing changed unless port is 0..65535 or
  * NET_IP_PORT_UNDEF. */
 bool NET_ADDR_setPort(NET_ADDR* a, NET_IP_PORT port);
+/** The protocol: NET_PROTO_UNDEF after NET_ADDR_init, every builder and every
+ * conversion from text or a socket address (an address alone does not tell
+ * it) until NET_ADDR_setProto sets one. */
 NET_PROTO NET_ADDR_proto(const NET_ADDR* a);
 /** Sets the protocol; false and nothing changed for a value outside NET_PROTO. */
 bool NET_ADDR_setProto(NET_ADDR* a, NET_PROTO proto);
@@ -159,6 +174,10 @@ uint32_t NET_ADDR_scopeId(const NET_ADDR* a);
  * IPv4-mapped IPv6 address at the IPv4 address inside (a dual-stack socket
  * reports IPv4 peers that way); "any" and "mapped" do not. */
 
+/** Whether *a is neither an IPv4 nor an IPv6 address: true for the unset
+ * address and for a record whose type was set by hand to a value outside the
+ * enumeration. Such records are refused by NET_ADDR_TAB_add and print as the
+ * empty text. */
 bool NET_ADDR_isUnset(const NET_ADDR* a);
 /** 0.0.0.0 or ::. */
 bool NET_ADDR_isAny(const NET_ADDR* a);
@@ -226,9 +245,12 @@ KV_RET NET_ADDR_TAB_add(NET_ADDR_TAB* tab, const NET_ADDR* a);
 KV_RET NET_ADDR_TAB_remove(NET_ADDR_TAB* tab, const NET_ADDR* a);
 /** Index of the entry equal to *a, or -1. */
 int NET_ADDR_TAB_find(const NET_ADDR_TAB* tab, const NET_ADDR* a);
+/** Whether some entry is equal (NET_ADDR_equal) to *a, port, protocol and
+ * flags included; NET_ADDR_TAB_containsHost compares hosts only. */
 bool NET_ADDR_TAB_contains(const NET_ADDR_TAB* tab, const NET_ADDR* a);
 /** Whether some entry is the same host (NET_ADDR_equalHost) as *a. */
 bool NET_ADDR_TAB_containsHost(const NET_ADDR_TAB* tab, const NET_ADDR* a);
+/** The number of entries; valid indices for NET_ADDR_TAB_get are below it. */
 size_t NET_ADDR_TAB_count(const NET_ADDR_TAB* tab);
 /** Entry i in table order, or null when i >= count. The pointer is valid until
  * the table next changes. */
