@@ -18,7 +18,7 @@
 #include <list>
 #include <mutex>
 
-#include "kvos_log.h"
+#include "linux/kvos_log.h"
 #include "linux/kvos_os.h"
 
 using kvos_os::MutexRecord;

@@ -7,8 +7,8 @@
  *
  * The level macros test the level before the message is built.
  */
-#ifndef ABSTRACTION_KVOS_LOG_H
-#define ABSTRACTION_KVOS_LOG_H
+#ifndef ABSTRACTION_LINUX_KVOS_LOG_H
+#define ABSTRACTION_LINUX_KVOS_LOG_H
 
 #include <ostream>
 
