@@ -8,8 +8,9 @@
 # Headers are collected from the include directory of every subsystem that
 # kvplatform links, so a new subsystem is installed without touching this
 # file. Self-test units (their own include directories), test seams
-# (*_seams.h) and the crypto module's internal steps are not part of the
-# installed interface, and the shared library does not export them.
+# (*_seams.h), the hooks the product fills in (*_product.h) and the crypto
+# module's internal steps are not part of the installed interface, and the
+# shared library does not export them.
 include(CMakePackageConfigHelpers)
 
 set(KV_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kvplatform)
@@ -20,7 +21,8 @@ foreach(t ${KV_LIBRARY_PARTS})
   foreach(d ${dirs})
     if(IS_DIRECTORY "${d}")
       install(DIRECTORY "${d}/" DESTINATION ${KV_INSTALL_INCLUDEDIR} COMPONENT devel
-              FILES_MATCHING PATTERN "*.h" PATTERN "*_seams.h" EXCLUDE PATTERN "crypto_steps.h" EXCLUDE)
+              FILES_MATCHING PATTERN "*.h" PATTERN "*_seams.h" EXCLUDE PATTERN "*_product.h" EXCLUDE
+              PATTERN "crypto_steps.h" EXCLUDE)
     endif()
   endforeach()
 endforeach()

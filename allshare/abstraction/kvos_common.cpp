@@ -1,7 +1,8 @@
 /*
- * OS-independent part of KVOS's process-wide services: the per-thread error
- * record with its pluggable texts, the configuration record and the path
- * map.
+ * OS-independent part of KVOS's process-wide services: the pluggable texts
+ * of the per-thread error record (the record itself is the thread's errno,
+ * in the Linux half), the configuration record, the path map and directory
+ * creation.
  *
  * Errno handlers form a singly linked list, newest first, changed under
  * "KVOSmutex" and read without it: handlers are registered at start-up,
@@ -17,7 +18,10 @@
 
 #include "abstraction/kvos.h"
 #include "abstraction/kvos_mutex.h"
+#include "abstraction/kvos_product.h"
 #include "kvos_internal.h"
+#include "linux/kvos_log.h"
+#include "linux/kvos_os.h"
 
 namespace {
 
@@ -32,27 +36,15 @@ KVOS_MUTEX gKvosMutex{nullptr};
 std::once_flag gCommonOnce;
 
 std::atomic<_kv_path_map*> gPathMap{nullptr};
+// Constant-initialised, so the product may install its provider from a
+// static initialiser in any order.
+std::atomic<KVOS_PATH_MAP_FUNC> gDefaultMapProvider{nullptr};
 
 }  // namespace
 
 void kvos_common_init(void)
 {
     std::call_once(gCommonOnce, [] { KVOS_mutexCreate(&gKvosMutex, "KVOSmutex"); });
-}
-
-void KVOS_setErrno(long err, KVOS_ERR_ORIGIN /*origin*/)
-{
-    errno = static_cast<int>(err);
-}
-
-long KVOS_getErrno(void)
-{
-    return errno;
-}
-
-KVOS_ERR_ORIGIN KVOS_getErrnoOrigin(void)
-{
-    return KVOS_ERR_ORIGIN_LINUX;
 }
 
 void KVOS_registerErrnoHandler(KVOS_ERR_ORIGIN origin, KVOS_ERRNO_TEXT_FUNC fn)
@@ -129,51 +121,15 @@ void kvos_free_path_map(_kv_path_map* head)
     }
 }
 
+void kvos_set_default_path_map_provider(KVOS_PATH_MAP_FUNC provider)
+{
+    gDefaultMapProvider.store(provider);
+}
+
 _kv_path_map* kvos_default_path_map(void)
 {
-    // The product's layout: everything under /korvenda except the
-    // temporary areas. The list is built once and never released.
-    static _kv_path_map* map = [] {
-        static const struct {
-            KV_PATH_TYPE type;
-            const char* path;
-        } kLayout[] = {
-            {PATH_TYPE_TMP, "/tmp"},
-            {PATH_TYPE_PERM, "/korvenda/persistent"},
-            {PATH_TYPE_USER, "/korvenda/user"},
-            {PATH_TYPE_PARAM, "/korvenda/persistent/param"},
-            {PATH_TYPE_WEB_FILES, "/korvenda/web"},
-            {PATH_TYPE_USER_WEB_FILES, "/korvenda/user/web"},
-            {PATH_TYPE_WEB_IMAGES, "/korvenda/web/images"},
-            {PATH_TYPE_LANGUAGE_FILES, "/korvenda/lang"},
-            {PATH_TYPE_LANGUAGE_USER_FILES, "/korvenda/user/lang"},
-            {PATH_TYPE_MENU_FILES, "/korvenda/menu"},
-            {PATH_TYPE_MENU_IMAGES, "/korvenda/menu/images"},
-            {PATH_TYPE_SW_IMAGES, "/korvenda/swimages"},
-            {PATH_TYPE_FONTS, "/korvenda/fonts"},
-            {PATH_TYPE_EMUL_IMAGES, "/korvenda/emul"},
-            {PATH_TYPE_MENU_USER_FILES, "/korvenda/user/menu"},
-            {PATH_TYPE_ROOT, "/korvenda"},
-            {PATH_TYPE_CONF_IMAGES, "/korvenda/persistent/confimages"},
-            {PATH_TYPE_SNAPSHOTS, "/korvenda/persistent/snapshots"},
-            {PATH_TYPE_POSTER_IMAGES, "/korvenda/posters"},
-            {PATH_TYPE_USER_POSTERS, "/korvenda/user/posters"},
-            {PATH_TYPE_SOUND_CLIPS, "/korvenda/sounds"},
-            {PATH_TYPE_USER_SOUNDS, "/korvenda/user/sounds"},
-            {PATH_TYPE_ETC, "/korvenda/etc"},
-            {PATH_TYPE_CRASH_FILES, "/korvenda/persistent/crash"},
-            {PATH_TYPE_ROOT_CONFIG, "/korvenda/persistent/config"},
-            {PATH_TYPE_CRASH_TMP, "/tmp/crash"},
-            {PATH_TYPE_ZEL_CONFIG, "/korvenda/etc"},
-        };
-        _kv_path_map* head = nullptr;
-        for (auto it = std::end(kLayout); it != std::begin(kLayout);) {
-            --it;
-            head = KVOS_addPathMap(head, it->type, it->path);
-        }
-        return head;
-    }();
-    return map;
+    KVOS_PATH_MAP_FUNC provider = gDefaultMapProvider.load();
+    return provider ? provider() : nullptr;
 }
 
 char* KVOS_getPath(char* buf, size_t size, const char* name, KV_PATH_TYPE type)
@@ -199,4 +155,33 @@ char* KVOS_getPath(char* buf, size_t size, const char* name, KV_PATH_TYPE type)
 char* KV_getPath(char* buf, int size, const char* name, KV_PATH_TYPE type)
 {
     return KVOS_getPath(buf, static_cast<size_t>(size), name, type);
+}
+
+int mkdirp(const char* path)
+{
+    // Prefix k ends before the k-th '/' after the first character; the
+    // last prefix is the whole path. Prefixes are built in 512 bytes.
+    char prefix[512];
+    size_t len = strlen(path);
+    size_t end = 0;
+    while (end < len) {
+        const char* slash = len > end + 1 ? strchr(path + end + 1, '/') : nullptr;
+        end = slash ? static_cast<size_t>(slash - path) : len;
+        size_t n = end < sizeof(prefix) - 1 ? end : sizeof(prefix) - 1;
+        memcpy(prefix, path, n);
+        prefix[n] = '\0';
+
+        if (kvos_os::pathExists(prefix)) {
+            continue;
+        }
+        KVLOG_DEBUG(kvos_logger(), kvp("Detail", "Creating directory") << kvp("Path", prefix));
+        if (int err = kvos_os::makeDirectory(prefix)) {
+            errno = err;  // the error text below is that of errno
+            KVLOG_ERROR(kvos_logger(), kvp("Detail", "Unable to create directory")
+                                           << kvp("Path", prefix) << kvp("Last-error", KVOS_lastError()));
+            errno = err;
+            return -1;
+        }
+    }
+    return 0;
 }

@@ -1,6 +1,7 @@
 /*
- * Entry points shared between the halves of KVOS that are not part of its
- * public interface.
+ * Entry points of the portable half of KVOS that are not part of its public
+ * interface. The Linux half must not use them (its own entry points are in
+ * linux/kvos_os.h).
  */
 #ifndef ABSTRACTION_KVOS_INTERNAL_H
 #define ABSTRACTION_KVOS_INTERNAL_H
@@ -16,8 +17,5 @@ void kvos_common_init(void);
 void kvos_ptrq_register(ptrqueue_t* q);
 void kvos_ptrq_unregister(ptrqueue_t* q);
 
-
-/* Starts the tick clock (KVOS_init step 9). */
-void kvos_time_start(void);
 
 #endif

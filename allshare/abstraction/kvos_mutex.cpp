@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "kvos_log.h"
+#include "linux/kvos_log.h"
 #include "linux/kvos_os.h"
 
 using kvos_os::MutexRecord;

@@ -17,7 +17,7 @@
 
 #include "abstraction/kvos.h"
 #include "abstraction/kvos_mutex.h"
-#include "kvos_log.h"
+#include "linux/kvos_log.h"
 #include "linux/kvos_os.h"
 
 using kvos_os::SemRecord;

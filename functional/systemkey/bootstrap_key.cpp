@@ -1,6 +1,7 @@
 /*
- * The bootstrap RSA key: loading it, unwrapping keys with it, and wrapping a
- * key of the key file under someone's public key.
+ * The bootstrap RSA key: loading it, and the RSA steps of unwrapping keys
+ * with it and of wrapping a key under someone's public key (the key file's
+ * side of both is in system_key_file.cpp, which calls down into this file).
  *
  * The interface hands out the library's RSA key handles, so this file is the
  * one place that uses the library's (deprecated) RSA key API; it is compiled
@@ -11,16 +12,13 @@
  * encrypted key file fails to load instead of prompting on a terminal.
  */
 #include "seam_path.h"
-#include "systemkey/base64_funcs.h"
 #include "systemkey/crypto_funcs.h"
 #include "systemkey/systemkey_seams.h"
 #include "systemkey_internal.h"
 
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <openssl/bio.h>
-#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
@@ -53,6 +51,11 @@ int bootstrapModulusSize(const RSA* rsa)
 int bootstrapOaepDecrypt(RSA* rsa, const unsigned char* in, int inLen, unsigned char* out)
 {
     return RSA_private_decrypt(inLen, in, out, rsa, RSA_PKCS1_OAEP_PADDING);
+}
+
+int rsaOaepEncrypt(RSA* pub, const unsigned char* in, int inLen, unsigned char* out)
+{
+    return RSA_public_encrypt(inLen, in, out, pub, RSA_PKCS1_OAEP_PADDING);
 }
 
 void bootstrapKeyFree(RSA* rsa)
@@ -99,60 +102,4 @@ RSA* getBootstrapPrivate(CRYPT_DATA* cd)
         return nullptr;
     }
     return cd->bootstrap_private;
-}
-
-bool encryptKeyWithPublicKey(const char* keyId, RSA* pub, char* out, int outCap)
-{
-    CRYPT_DATA cd;
-    cryptDataInit(&cd);
-    struct Release {
-        CRYPT_DATA* cd;
-        ~Release() { cryptDataRelease(cd); }
-    } release{&cd};
-
-    const size_t idLen = keyId != nullptr ? std::strlen(keyId) : 0;
-    if (idLen >= cd.key_id_size) {
-        SK_ERROR("Key Id too long");
-        return false;
-    }
-    if (idLen > 0) {
-        std::memcpy(cd.key_id, keyId, idLen + 1);
-    }
-    cd.key_id_len = idLen;
-    if (!getPrivateKeyByID(&cd)) {
-        return false;
-    }
-    if (out == nullptr) {
-        SK_ERROR("Output buffer not provided");
-        return false;
-    }
-    if (pub == nullptr) {
-        SK_ERROR("Public key not provided");
-        return false;
-    }
-    const int modulus = RSA_size(pub);
-    const int required = calcRequiredBase64EncodeBufferSize(static_cast<uint64_t>(modulus));
-    if (outCap < required) {
-        SK_ERROR("Output buffer too small\" Current-Length=\"%zu\" Required-Length=\"%zu",
-                 static_cast<size_t>(outCap < 0 ? 0 : outCap), static_cast<size_t>(required));
-        return false;
-    }
-    Scratch wrapped(static_cast<size_t>(modulus));
-    if (!wrapped.ok()) {
-        return false;
-    }
-    clearStaleErrors();
-    const int n = RSA_public_encrypt(static_cast<int>(cd.priv_key_len), cd.priv_key, wrapped.data(),
-                                     pub, RSA_PKCS1_OAEP_PADDING);
-    if (n < 0) {
-        char err[256];
-        SK_ERROR("Failed to encrypt key\" Modulus-Size=\"%zu\" Encrypted-Bytes=\"%zu\" Reason=\"%s",
-                 static_cast<size_t>(modulus), cd.priv_key_len, sslErrorText(err, sizeof err));
-        return false;
-    }
-    if (base64Encode(wrapped.data(), n, out, outCap) < 0) {
-        SK_ERROR("Failed to Base64 encode encrypted key");
-        return false;
-    }
-    return true;
 }

@@ -19,7 +19,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -164,25 +163,6 @@ bool encryptWithKeyId(const char* in, const char* keyId, char* out, size_t cap)
 }
 
 } // namespace
-
-void clearStaleErrors(void)
-{
-    if (ERR_peek_error() != 0) {
-        ERR_clear_error();
-    }
-}
-
-const char* sslErrorText(char* buf, size_t size)
-{
-    const unsigned long e = ERR_peek_error();
-    if (e == 0) {
-        buf[0] = '\0';
-    } else {
-        ERR_error_string_n(e, buf, size);
-    }
-    clearStaleErrors();
-    return buf;
-}
 
 /* ---- Ciphers ------------------------------------------------------------------ */
 

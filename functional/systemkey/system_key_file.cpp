@@ -1,5 +1,7 @@
 /*
- * The system key file, key selection and the cache of unwrapped keys.
+ * The system key file, key selection, the cache of unwrapped keys, and
+ * wrapping a key of the file under someone's public key. The RSA steps are
+ * in bootstrap_key.cpp, below this file.
  *
  * The key file is read afresh for every operation, into a buffer that can
  * hold SYSTEMKEY_MAX_FILE_SIZE bytes. Zero-filling a fresh megabyte for every
@@ -507,4 +509,59 @@ bool getActivePrivateKey(CRYPT_DATA* cd)
 bool getPrivateKeyByID(CRYPT_DATA* cd)
 {
     return loadAndSelectKey(cd, false);
+}
+
+bool encryptKeyWithPublicKey(const char* keyId, RSA* pub, char* out, int outCap)
+{
+    CRYPT_DATA cd;
+    cryptDataInit(&cd);
+    struct Release {
+        CRYPT_DATA* cd;
+        ~Release() { cryptDataRelease(cd); }
+    } release{&cd};
+
+    const size_t idLen = keyId != nullptr ? std::strlen(keyId) : 0;
+    if (idLen >= cd.key_id_size) {
+        SK_ERROR("Key Id too long");
+        return false;
+    }
+    if (idLen > 0) {
+        std::memcpy(cd.key_id, keyId, idLen + 1);
+    }
+    cd.key_id_len = idLen;
+    if (!getPrivateKeyByID(&cd)) {
+        return false;
+    }
+    if (out == nullptr) {
+        SK_ERROR("Output buffer not provided");
+        return false;
+    }
+    if (pub == nullptr) {
+        SK_ERROR("Public key not provided");
+        return false;
+    }
+    const int modulus = bootstrapModulusSize(pub);
+    const int required = calcRequiredBase64EncodeBufferSize(static_cast<uint64_t>(modulus));
+    if (outCap < required) {
+        SK_ERROR("Output buffer too small\" Current-Length=\"%zu\" Required-Length=\"%zu",
+                 static_cast<size_t>(outCap < 0 ? 0 : outCap), static_cast<size_t>(required));
+        return false;
+    }
+    Scratch wrapped(static_cast<size_t>(modulus));
+    if (!wrapped.ok()) {
+        return false;
+    }
+    clearStaleErrors();
+    const int n = rsaOaepEncrypt(pub, cd.priv_key, static_cast<int>(cd.priv_key_len), wrapped.data());
+    if (n < 0) {
+        char err[256];
+        SK_ERROR("Failed to encrypt key\" Modulus-Size=\"%zu\" Encrypted-Bytes=\"%zu\" Reason=\"%s",
+                 static_cast<size_t>(modulus), cd.priv_key_len, sslErrorText(err, sizeof err));
+        return false;
+    }
+    if (base64Encode(wrapped.data(), n, out, outCap) < 0) {
+        SK_ERROR("Failed to Base64 encode encrypted key");
+        return false;
+    }
+    return true;
 }

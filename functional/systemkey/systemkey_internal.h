@@ -18,8 +18,12 @@
 constexpr size_t kKeyIdSize = 41;
 constexpr size_t kPrivKeySize = 64;
 
+/* The files of the module call one way: crypto_funcs.cpp (cipher strings)
+ * -> system_key_file.cpp (key file, key cache) -> bootstrap_key.cpp (RSA),
+ * and all of them -> ssl_errors.cpp, base64_funcs.cpp, zel-log4os.cpp. */
+
 /* The cipher library's text for the oldest error still queued on this
- * thread (the root cause), or "" if none. */
+ * thread (the root cause), or "" if none (ssl_errors.cpp). */
 const char* sslErrorText(char* buf, size_t size);
 
 /* Drops stale entries of this thread's error queue, so that a failure reports
@@ -29,6 +33,9 @@ void clearStaleErrors(void);
 /* RSA helpers, the only users of the library's RSA key API (bootstrap_key.cpp). */
 int bootstrapModulusSize(const RSA* rsa);
 int bootstrapOaepDecrypt(RSA* rsa, const unsigned char* in, int inLen, unsigned char* out);
+/* Encrypts inLen bytes with the public key `pub` (OAEP) into `out`, which
+ * holds bootstrapModulusSize(pub) bytes; the length written, or -1. */
+int rsaOaepEncrypt(RSA* pub, const unsigned char* in, int inLen, unsigned char* out);
 void bootstrapKeyFree(RSA* rsa);
 
 /* The one-entry cache of unwrapped keys (system_key_file.cpp). */

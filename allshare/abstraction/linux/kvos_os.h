@@ -69,6 +69,19 @@ int semTryWait(sem_t* s);
 int semPost(sem_t* s);
 int semGetValue(sem_t* s, int* value);
 
+/* Directories: whether `path` exists, and mkdir with mode 0777 (0 or the
+ * system's error number). */
+bool pathExists(const char* path);
+int makeDirectory(const char* path);
+
+/* Process. */
+int processId();
+/* Creates the thread-specific key for per-task process data. */
+unsigned createProcdataKey();
+/* Gives "/tmp/fifos" to the FIFO group (when it exists) and mode 0775;
+ * failures are logged and otherwise ignored. */
+void adjustFifoOwner();
+
 /* Threads. */
 int currentLwp();
 void setThreadName(pthread_t tid, const char* name);
@@ -77,5 +90,8 @@ void setThreadName(pthread_t tid, const char* name);
 void threadPolicy(int lwp, const char** text, int* priority);
 
 }  // namespace kvos_os
+
+/* Starts the tick clock (a step of KVOS_init). */
+void kvos_time_start(void);
 
 #endif

@@ -1,6 +1,7 @@
 /*
- * Linux half of mutexes, semaphores and thread queries, and the system-call
- * seams (see abstraction/kvos_seams.h).
+ * Linux half of the per-thread error record, mutexes, semaphores, thread
+ * and process queries, and the system-call seams (see
+ * abstraction/kvos_seams.h).
  */
 #include <errno.h>
 #include <pthread.h>
@@ -13,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "abstraction/kvos.h"
 #include "abstraction/kvos_seams.h"
 #include "linux/kvos_os.h"
 
@@ -24,6 +26,22 @@ KVOS_SYSCALLS kvos_syscall_table{{sem_wait},           {sem_timedwait},     {sem
 KVOS_SYSCALLS& kvos_syscalls()
 {
     return kvos_syscall_table;
+}
+
+/* The error record is the thread's errno; the origin is not stored. */
+void KVOS_setErrno(long err, KVOS_ERR_ORIGIN /*origin*/)
+{
+    errno = static_cast<int>(err);
+}
+
+long KVOS_getErrno(void)
+{
+    return errno;
+}
+
+KVOS_ERR_ORIGIN KVOS_getErrnoOrigin(void)
+{
+    return KVOS_ERR_ORIGIN_LINUX;
 }
 
 namespace kvos_os {
@@ -120,6 +138,18 @@ int semPost(sem_t* s)
 int semGetValue(sem_t* s, int* value)
 {
     return semResult(kvos_syscalls().semGetValue.load()(s, value));
+}
+
+int processId()
+{
+    return static_cast<int>(getpid());
+}
+
+unsigned createProcdataKey()
+{
+    pthread_key_t key;
+    pthread_key_create(&key, nullptr);
+    return key;
 }
 
 int currentLwp()

@@ -13,8 +13,8 @@
 #include "abstraction/kvmisc.h"
 #include "abstraction/kvos.h"
 #include "kvlog/kvlog_assert.h"
-#include "kvos_internal.h"
-#include "kvos_log.h"
+#include "linux/kvos_os.h"
+#include "linux/kvos_log.h"
 
 namespace {
 TIMEVAL KVOS_sInitTime;

@@ -129,7 +129,8 @@ _kv_path_map* kvos_get_path_map(void);
 /** Installs `head` as the path map (null removes it). The list is not copied: it must stay valid as
  * long as paths are looked up. */
 void kvos_set_path_map(_kv_path_map* head);
-/** The product's built-in map, built once and never released. */
+/** The product's built-in map, built once and never released; null when the program carries no
+ * product part. */
 _kv_path_map* kvos_default_path_map(void);
 /** Releases every entry of a map built with KVOS_addPathMap. */
 void kvos_free_path_map(_kv_path_map* head);

@@ -32,7 +32,7 @@
 
 #include "abstraction/kvos_task.h"
 #include "kvlog/kvlog_assert.h"
-#include "kvos_log.h"
+#include "linux/kvos_log.h"
 
 struct DBusThread::Loop {
     std::mutex lock;
