@@ -203,7 +203,7 @@ void taskList_foreach(void (*fn)(ThreadInfo*));
 size_t kvos_taskListSize(void);
 size_t kvos_taskListAdditions(void);
 size_t kvos_taskListRemovals(void);
-/* True while a task with this handle is listed (read under the lock). A
+/** True while a task with this handle is listed (read under the lock). A
  * task leaves the list when the reaper has joined it. */
 bool kvos_taskIsListed(KVOS_TASK_ID tid);
 
