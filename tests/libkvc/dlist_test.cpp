@@ -79,7 +79,7 @@ TEST_F(DListTest, EmptyListAccessorsReturnNull)
     EXPECT_TRUE(DList_isEmpty(&list));
 }
 
-TEST_F(DListTest, RemoveAnyPositionClearsLinks)
+TEST_F(DListTest, RemoveAnyPositionClearsLinksAndRemoveAfter)
 {
     fill(3);
     for (int idx : {0, 2, 1}) {
@@ -92,10 +92,8 @@ TEST_F(DListTest, RemoveAnyPositionClearsLinks)
     EXPECT_EQ(list.pHead, nullptr);
     EXPECT_EQ(list.pTail, nullptr);
     EXPECT_EQ(DList_remove(&list, nullptr), nullptr);
-}
 
-TEST_F(DListTest, RemoveAfter)
-{
+    SetUp();
     fill(3);
     EXPECT_EQ(DList_removeAfter(&list, nullptr), &items[0]);
     EXPECT_EQ(DList_removeAfter(&list, &items[2]), nullptr);
@@ -145,13 +143,10 @@ TEST_F(DListTest, InsertAtIndexRules)
         EXPECT_EQ(keys(), r.after) << "index " << r.idx;
         expectConsistent();
     }
-}
-
-TEST_F(DListTest, InsertAtNegativeOnEmptyListInsertsAtHead)
-{
+    SetUp(); // negative on an empty list: at the head
     Item n{9, 0, nullptr, nullptr};
     EXPECT_TRUE(DList_insertAt(&list, &n, -1));
-    EXPECT_EQ(DList_getFirst(&list), &n);
+    EXPECT_EQ(keys(), std::vector<int>{9});
     EXPECT_EQ(DList_getLast(&list), &n);
 }
 
@@ -278,13 +273,9 @@ TEST_F(DListTest, PrintAddressesListsEveryRecord)
 
 using DListDeathTest = DListTest;
 
-TEST_F(DListDeathTest, IdxFromPtrAssertsOnNullList)
+TEST_F(DListDeathTest, NullListAndAppendToAnEmptyDestination)
 {
     EXPECT_DEATH(DList_getIdxFromPtr(nullptr, &list), "pDList");
-}
-
-TEST_F(DListDeathTest, AppendToEmptyDestinationIsAProgrammingFault)
-{
     DList src;
     Item sample{};
     DList_makeDList(&src, &sample, &sample.next, &sample.prev, byKey);
