@@ -198,9 +198,9 @@ TEST_F(KvlogSanitiserDecision, CertificationModeMarkers)
 TEST(KvlogHexDump, LayoutEdgesAndOffsetWidth)
 {
     const unsigned char bytes[] = {0x16, 0x03, 0x01, 0x00, 0xa5, 0x01, 0x00, 0x00, 0xa1, 0x03,
-                                   0x03, 0x5b, 0x3c, 0x2e, 0x00, 0xff, 'A',  'B'};
+                                   0x03, 0x5b, 0x3c, 0x2e, 0x7f, 0xff, 'A',  'B'};
     EXPECT_EQ(kvlog::hexDumpToString(bytes, sizeof(bytes)),
-              "0000  16 03 01 00 a5 01 00 00  a1 03 03 5b 3c 2e 00 ff  |...........[<...|\n"
+              "0000  16 03 01 00 a5 01 00 00  a1 03 03 5b 3c 2e 7f ff  |...........[<...|\n"
               "0010  41 42" + std::string(45, ' ') + "|AB|\n");
     std::ostringstream out;
     kvlog::hexDumpToStream(out, bytes, 8);

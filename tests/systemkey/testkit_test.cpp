@@ -22,42 +22,38 @@ unsigned modeOf(const std::string& path)
 }
 
 // TMPDIR pointing nowhere: no directory, and no path that would put a key
-// anywhere else (an empty directory name would mean "/").
-TEST(ScratchKit, WithoutADirectoryNothingIsWritten)
+// anywhere else (an empty directory name would mean "/"). With a directory,
+// key files are the owner's only, also when they replace a readable file.
+TEST(ScratchKit, KeyFilesStayInsideTheDirectoryAndPrivate)
 {
+    ASSERT_NE(bootstrapPair(), nullptr);
     const char* saved = std::getenv("TMPDIR");
     const std::string savedValue = saved != nullptr ? saved : "";
     setenv("TMPDIR", "/nonexistent-kv-scratch", 1);
-    ScratchDir dir;
+    ScratchDir nowhere;
     if (saved != nullptr) {
         setenv("TMPDIR", savedValue.c_str(), 1);
     } else {
         unsetenv("TMPDIR");
     }
-    EXPECT_FALSE(dir.ok());
+    EXPECT_FALSE(nowhere.ok());
     for (const char* name : {"bootstrap", "systemkey"}) {
-        const std::string path = dir.file(name);
+        const std::string path = nowhere.file(name);
         const bool existed = exists("/" + std::string(name));
         EXPECT_EQ(path, "") << name;
         EXPECT_FALSE(writeFile(path, "0123456789abcdef")) << name;
-        ASSERT_NE(bootstrapPair(), nullptr);
         EXPECT_FALSE(writePrivatePem(bootstrapPair(), path, false)) << name;
         if (!existed && exists("/" + std::string(name))) {
             unlink(("/" + std::string(name)).c_str());
             ADD_FAILURE() << "wrote /" << name;
         }
     }
-}
 
-// Key files are the owner's only, also when they replace a readable file.
-TEST(ScratchKit, KeyFilesAreOwnerOnly)
-{
     ScratchDir dir;
     ASSERT_TRUE(dir.ok());
     EXPECT_EQ(modeOf(dir.path()), 0700u);
     const std::string key = dir.file("systemkey");
     const std::string pem = dir.file("bootstrap");
-    ASSERT_NE(bootstrapPair(), nullptr);
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round == 0 ? "new files" : "replacing readable files");
         ASSERT_TRUE(writeFile(key, "0123456789abcdef"));

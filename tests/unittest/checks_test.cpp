@@ -42,53 +42,42 @@ const char* const kWip = "U/T/1 WORK IN PROGRESS at f.cpp:12 in 'x == y'";
 const char* const kWipPassing =
     "U/T/1 WORK IN PROGRESS TEST NOW PASSING - use unittest_assert() instead at f.cpp:12 in 'x == y'";
 
-TEST(UnittestChecks, LinesByKindModeAndOutcome)
+// Each check counts once whatever it prints: a failed described check in
+// SUMMARY prints nothing but still counts as an error.
+TEST(UnittestChecks, LinesAndCountersByKindModeAndOutcome)
 {
     struct Row {
         Kind kind;
         UNITTEST_MODE mode;
         int cond;
         const char* line;
-    } rows[] = {
-        {Plain, UNITTEST_MODE_SUMMARY, 1, "(nothing)"},
-        {Plain, UNITTEST_MODE_STANDARD, 1, "(nothing)"},
-        {Plain, UNITTEST_MODE_DETAILED, 1, kOk},
-        {Plain, UNITTEST_MODE_VERBOSE, 1, kOk},
-        {Plain, UNITTEST_MODE_SUMMARY, 0, kFailed},
-        {Plain, UNITTEST_MODE_STANDARD, 0, kFailed},
-        {Plain, UNITTEST_MODE_VERBOSE, 0, kFailed},
-        {Described, UNITTEST_MODE_SUMMARY, 1, "(nothing)"},
-        {Described, UNITTEST_MODE_STANDARD, 1, kOk},
-        {Described, UNITTEST_MODE_VERBOSE, 1, kOk},
-        {Described, UNITTEST_MODE_SUMMARY, 0, "(nothing)"},
-        {Described, UNITTEST_MODE_STANDARD, 0, kFailedDescribed},
-        {Described, UNITTEST_MODE_DETAILED, 0, kFailedDescribed},
-        {Wip, UNITTEST_MODE_SUMMARY, 0, "(nothing)"},
-        {Wip, UNITTEST_MODE_STANDARD, 0, kWip},
-        {Wip, UNITTEST_MODE_SUMMARY, 1, "(nothing)"},
-        {Wip, UNITTEST_MODE_STANDARD, 1, kWipPassing},
-    };
-    for (const Row& r : rows) {
-        EXPECT_EQ(check(r.kind, r.mode, r.cond), r.line) << "kind " << r.kind << " mode " << r.mode << " cond " << r.cond;
-    }
-}
-
-TEST(UnittestChecks, Counters)
-{
-    struct Row {
-        Kind kind;
-        int cond;
         uint32_t errors, wip;
     } rows[] = {
-        {Plain, 1, 0, 0}, {Plain, 0, 1, 0}, {Described, 1, 0, 0}, {Described, 0, 1, 0}, {Wip, 1, 0, 0}, {Wip, 0, 0, 1},
+        {Plain, UNITTEST_MODE_SUMMARY, 1, "(nothing)", 0, 0},
+        {Plain, UNITTEST_MODE_STANDARD, 1, "(nothing)", 0, 0},
+        {Plain, UNITTEST_MODE_DETAILED, 1, kOk, 0, 0},
+        {Plain, UNITTEST_MODE_VERBOSE, 1, kOk, 0, 0},
+        {Plain, UNITTEST_MODE_SUMMARY, 0, kFailed, 1, 0},
+        {Plain, UNITTEST_MODE_STANDARD, 0, kFailed, 1, 0},
+        {Plain, UNITTEST_MODE_VERBOSE, 0, kFailed, 1, 0},
+        {Described, UNITTEST_MODE_SUMMARY, 1, "(nothing)", 0, 0},
+        {Described, UNITTEST_MODE_STANDARD, 1, kOk, 0, 0},
+        {Described, UNITTEST_MODE_VERBOSE, 1, kOk, 0, 0},
+        {Described, UNITTEST_MODE_SUMMARY, 0, "(nothing)", 1, 0},
+        {Described, UNITTEST_MODE_STANDARD, 0, kFailedDescribed, 1, 0},
+        {Described, UNITTEST_MODE_DETAILED, 0, kFailedDescribed, 1, 0},
+        {Wip, UNITTEST_MODE_SUMMARY, 0, "(nothing)", 0, 1},
+        {Wip, UNITTEST_MODE_STANDARD, 0, kWip, 0, 1},
+        {Wip, UNITTEST_MODE_SUMMARY, 1, "(nothing)", 0, 0},
+        {Wip, UNITTEST_MODE_STANDARD, 1, kWipPassing, 0, 0},
     };
     for (const Row& r : rows) {
-        // SUMMARY: a failed described check prints nothing but still counts.
-        check(r.kind, UNITTEST_MODE_SUMMARY, r.cond);
+        SCOPED_TRACE(testing::Message() << "kind " << r.kind << " mode " << r.mode << " cond " << r.cond);
+        EXPECT_EQ(check(r.kind, r.mode, r.cond), r.line);
         EXPECT_EQ(unittest_tests(), 1u);
         EXPECT_EQ(unittest_step(), 1u);
-        EXPECT_EQ(unittest_errors(), r.errors) << "kind " << r.kind;
-        EXPECT_EQ(unittest_numWorkInProgress(), r.wip) << "kind " << r.kind;
+        EXPECT_EQ(unittest_errors(), r.errors);
+        EXPECT_EQ(unittest_numWorkInProgress(), r.wip);
     }
 }
 
@@ -119,19 +108,14 @@ TEST(UnittestChecks, ContextRestartsStepOnlyAndInitRestartsAll)
     lines = stampedLines(testing::internal::GetCapturedStderr());
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0], "U/second/1 FAILED at f:2 'e'");
-}
 
-TEST(UnittestChecks, NamesAreCutTo64Characters)
-{
-    const std::string seventy(70, 'n');
-    const std::string seventyT(70, 't');
-    unittest_init(seventy.c_str(), UNITTEST_MODE_SUMMARY);
-    unittest_context(seventyT.c_str());
+    // Names are cut to 64 characters.
+    unittest_init(std::string(70, 'n').c_str(), UNITTEST_MODE_SUMMARY);
+    unittest_context(std::string(70, 't').c_str());
     testing::internal::CaptureStderr();
     unittest_assert_("f", 1, "e", 0);
-    std::vector<std::string> lines = stampedLines(testing::internal::GetCapturedStderr());
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], std::string(64, 'n') + "/" + std::string(64, 't') + "/1 FAILED at f:1 'e'");
+    EXPECT_EQ(stampedLines(testing::internal::GetCapturedStderr()),
+              std::vector<std::string>{std::string(64, 'n') + "/" + std::string(64, 't') + "/1 FAILED at f:1 'e'"});
 }
 
 TEST(UnittestLog, PrintsAtOrBelowTheCurrentMode)
@@ -161,34 +145,6 @@ TEST(UnittestLog, PrintsAtOrBelowTheCurrentMode)
     }
 }
 
-// A time zone for the scope, given as a POSIX rule (no zone files needed).
-class ScopedTimeZone {
-public:
-    explicit ScopedTimeZone(const char* rule)
-    {
-        const char* old = std::getenv("TZ");
-        had_ = old != nullptr;
-        old_ = had_ ? old : "";
-        setenv("TZ", rule, 1);
-        tzset();
-    }
-    ~ScopedTimeZone()
-    {
-        if (had_) {
-            setenv("TZ", old_.c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-    ScopedTimeZone(const ScopedTimeZone&) = delete;
-    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
-
-private:
-    bool had_;
-    std::string old_;
-};
-
 std::string stampOf(time_t t, bool local)
 {
     struct tm tm;
@@ -206,8 +162,12 @@ std::string stampOf(time_t t, bool local)
 // UTC, where the two differ by hours.
 TEST(UnittestPrinter, LinesCarryTheLocalTime)
 {
+    const char* saved = std::getenv("TZ");
+    const std::string savedRule = saved != nullptr ? saved : "";
+    // POSIX rules: no zone files needed.
     for (const char* rule : {"KVT-5:30", "KVT+9"}) {
-        ScopedTimeZone zone(rule);
+        setenv("TZ", rule, 1);
+        tzset();
         unittest_init("U", UNITTEST_MODE_VERBOSE);
         unittest_context("T");
         const time_t before = std::time(nullptr);
@@ -226,13 +186,18 @@ TEST(UnittestPrinter, LinesCarryTheLocalTime)
         int lines = 0;
         while (std::getline(in, line)) {
             ++lines;
-            ASSERT_GE(line.size(), 20u) << line;
             EXPECT_EQ(local.count(line.substr(0, 19)), 1u) << rule << ": " << line;
             EXPECT_EQ(utc.count(line.substr(0, 19)), 0u) << rule << ": " << line;
-            EXPECT_EQ(line[19], ' ');
+            EXPECT_TRUE(line.size() > 19 && line[19] == ' ') << line;
         }
         EXPECT_EQ(lines, 2) << out;
     }
+    if (saved != nullptr) {
+        setenv("TZ", savedRule.c_str(), 1);
+    } else {
+        unsetenv("TZ");
+    }
+    tzset();
 }
 
 TEST(UnittestPrinter, OnlyTheFormatDecidesWhereALineStarts)

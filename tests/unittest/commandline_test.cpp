@@ -55,14 +55,53 @@ bool contains(const std::vector<std::string>& lines, const std::string& line)
     return false;
 }
 
-TEST(UnittestCommandline, ListsUnitsInCaseInsensitiveOrder)
+const std::string kNoUnits = "Error: Invalid unittest name or no tests available";
+std::string ok(int units, int tests)
 {
-    Result r = probe("--listunittest");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(stampedLines(r.out),
-              (std::vector<std::string>{"Available tests:", "probe_failOnce", "probe_failTwice", kLong.substr(0, 63),
-                                        "probe_pass", "Probe_Slow", "probe_target", "probe_wip",
-                                        "Number of tests: 7"}));
+    return "UNITTEST OK (" + std::to_string(units) + " units, " + std::to_string(tests) +
+           " tests, 0 work in progress, 0 errors)";
+}
+
+// Whole outputs (time stamps stripped) of command lines; the exit status is
+// always 0. Options are read left to right, each against every argument.
+TEST(UnittestCommandline, WholeOutputs)
+{
+    struct Row {
+        std::string args;
+        std::vector<std::string> lines;
+    } rows[] = {
+        {"--listunittest",
+         {"Available tests:", "probe_failOnce", "probe_failTwice", kLong.substr(0, 63), "probe_pass", "Probe_Slow",
+          "probe_target", "probe_wip", "Number of tests: 7"}},
+        {"", {}},
+        {"--rununittest", {}}, // as the last argument: nothing to run, stop
+        {"--rununittest --exitunittests --runallunittests", {kNoUnits}}, // the fragment stands in for the exit
+        // The fragment is consumed: an option given as the fragment acts only
+        // as the fragment (and as the exit option it stands in for).
+        {"--rununittest --runallunittests", {kNoUnits}},
+        {"--rununittest --listunittest", {kNoUnits}},
+        {"--rununittest --rununittest probe_wip", {kNoUnits}},
+        {"--rununittest --slowtests --rununittest probe_target", {kNoUnits, "probe_target OK (1 tests)", ok(1, 1)}},
+        {"--rununittest --verboseunittest --verboseunittest --verboseunittest --rununittest probe_pass",
+         {kNoUnits, "probe_pass/t/1 OK ", "probe_pass/t/2 OK ", "probe_pass OK (2 tests)", ok(1, 2)}},
+        // Type options select units; one after the run does not affect it.
+        {"--slowtests --runallunittests", {"Probe_Slow OK (1 tests)", ok(1, 1)}},
+        {"--fasttests --rununittest probe_target", {kNoUnits}},
+        {"--rununittest probe_target --fasttests", {"probe_target OK (1 tests)", ok(1, 1)}},
+        {"--bogus --rununittest PROBE_PASS -x", {"probe_pass OK (2 tests)", ok(1, 2)}},
+    };
+    for (const Row& r : rows) {
+        Result res = probe(r.args);
+        EXPECT_EQ(res.status, 0) << r.args;
+        EXPECT_EQ(stampedLines(res.out), r.lines) << r.args;
+    }
+    // Exit ends the process at once, after the run before it.
+    EXPECT_EQ(stampedLines(probe("--rununittest probe_failOnce --exitunittests --runallunittests").out).back(),
+              "UNITTEST FAILED (1 units, 2 tests, 0 work in progress, 1 errors)");
+    Result help = probe("-h");
+    EXPECT_EQ(help.out, std::string(KV_PROBE_PATH) +
+                            " [--listunittest] [--verboseunittest] [--runallunittests] [--rununittest name] "
+                            "[--exitunittests] [--fasttests] [--slowtests]\n");
 }
 
 TEST(UnittestCommandline, RunAllReportsFailuresButExitsZero)
@@ -76,111 +115,20 @@ TEST(UnittestCommandline, RunAllReportsFailuresButExitsZero)
     EXPECT_EQ(lines.back(), "UNITTEST FAILED (7 units, 12 tests, 1 work in progress, 3 errors)");
     EXPECT_TRUE(contains(lines, "probe_pass OK (2 tests)"));
     EXPECT_TRUE(contains(lines, "probe_wip WORK IN PROGRESS (2 tests passed okay, 1 flagged as work in progress)"));
-    // SUMMARY mode: only failures print check lines.
-    EXPECT_FALSE(contains(lines, "probe_pass/t/1 OK "));
-}
-
-TEST(UnittestCommandline, TypeOptionsSelectUnits)
-{
-    struct Row {
-        const char* args;
-        const char* last;
-    } rows[] = {
-        {"--slowtests --runallunittests", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"},
-        {"--fasttests --rununittest probe_pass", "UNITTEST OK (1 units, 2 tests, 0 work in progress, 0 errors)"},
-        {"--fasttests --rununittest probe_target", "Error: Invalid unittest name or no tests available"},
-        {"--rununittest probe_target", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"},
-        // a type option after the run does not affect it
-        {"--rununittest probe_target --fasttests", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"},
-        {"--bogus --rununittest PROBE_PASS -x", "UNITTEST OK (1 units, 2 tests, 0 work in progress, 0 errors)"},
-    };
-    for (const Row& r : rows) {
-        Result res = probe(r.args);
-        std::vector<std::string> lines = stampedLines(res.out);
-        ASSERT_FALSE(lines.empty()) << r.args;
-        EXPECT_EQ(lines.back(), r.last) << r.args;
-        EXPECT_EQ(res.status, 0);
-    }
+    EXPECT_FALSE(contains(lines, "probe_pass/t/1 OK ")); // SUMMARY: only failures print check lines
 }
 
 TEST(UnittestCommandline, VerbosityRaisesOneStepPerOption)
 {
-    struct Row {
-        int verbose;
-        bool okLine, verboseNote;
-    } rows[] = {{0, false, false}, {1, false, false}, {2, true, false}, {3, true, true}, {4, true, true}};
-    for (const Row& r : rows) {
+    for (int verbose = 0; verbose <= 4; ++verbose) {
         std::string args;
-        for (int i = 0; i < r.verbose; ++i) {
+        for (int i = 0; i < verbose; ++i) {
             args += "--verboseunittest ";
         }
-        Result res = probe(args + "--rununittest probe_pass");
-        std::vector<std::string> lines = stampedLines(res.out);
-        EXPECT_EQ(contains(lines, "probe_pass/t/1 OK "), r.okLine) << r.verbose;
-        EXPECT_EQ(contains(lines, "probe_pass/t: verbose note"), r.verboseNote) << r.verbose;
+        std::vector<std::string> lines = stampedLines(probe(args + "--rununittest probe_pass").out);
+        EXPECT_EQ(contains(lines, "probe_pass/t/1 OK "), verbose >= 2) << verbose;
+        EXPECT_EQ(contains(lines, "probe_pass/t: verbose note"), verbose >= 3) << verbose;
     }
-}
-
-TEST(UnittestCommandline, RununittestAsLastArgumentStops)
-{
-    Result r = probe("--rununittest");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "");
-    r = probe("--listunittest --rununittest");
-    EXPECT_EQ(stampedLines(r.out).back(), "Number of tests: 7");
-}
-
-TEST(UnittestCommandline, FragmentStandsInForTheExitOption)
-{
-    Result r = probe("--rununittest --exitunittests --runallunittests");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(stampedLines(r.out), (std::vector<std::string>{"Error: Invalid unittest name or no tests available"}));
-}
-
-// The fragment is consumed: an option given as the fragment acts only as the
-// fragment (and as the exit option, which it stands in for), never again as
-// the next argument.
-TEST(UnittestCommandline, RununittestConsumesItsFragment)
-{
-    const std::string noUnits = "Error: Invalid unittest name or no tests available";
-    struct Row {
-        const char* args;
-        std::vector<std::string> lines;
-    } rows[] = {
-        {"--rununittest --runallunittests", {noUnits}},
-        {"--rununittest --listunittest", {noUnits}},
-        // --slowtests, consumed, does not keep probe_target (target only) from running
-        {"--rununittest --slowtests --rununittest probe_target",
-         {noUnits, "probe_target OK (1 tests)", "UNITTEST OK (1 units, 1 tests, 0 work in progress, 0 errors)"}},
-        {"--rununittest --rununittest probe_wip", {noUnits}},
-        {"--rununittest --verboseunittest --verboseunittest --verboseunittest --rununittest probe_pass",
-         {noUnits, "probe_pass/t/1 OK ", "probe_pass/t/2 OK ", "probe_pass OK (2 tests)",
-          "UNITTEST OK (1 units, 2 tests, 0 work in progress, 0 errors)"}},
-    };
-    for (const Row& r : rows) {
-        Result res = probe(r.args);
-        EXPECT_EQ(res.status, 0) << r.args;
-        EXPECT_EQ(stampedLines(res.out), r.lines) << r.args;
-    }
-}
-
-TEST(UnittestCommandline, ExitEndsTheProcessAtOnce)
-{
-    Result r = probe("--rununittest probe_failOnce --exitunittests --runallunittests");
-    EXPECT_EQ(r.status, 0);
-    std::vector<std::string> lines = stampedLines(r.out);
-    EXPECT_EQ(lines.back(), "UNITTEST FAILED (1 units, 2 tests, 0 work in progress, 1 errors)");
-}
-
-TEST(UnittestCommandline, HelpAndNoArguments)
-{
-    Result r = probe("-h");
-    EXPECT_EQ(r.out, std::string(KV_PROBE_PATH) +
-                         " [--listunittest] [--verboseunittest] [--runallunittests] [--rununittest name] "
-                         "[--exitunittests] [--fasttests] [--slowtests]\n");
-    r = probe("");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "");
 }
 
 // Every unit the product registers, by name. The registered set must be
@@ -223,7 +171,7 @@ TEST(PlatformUnittests, RegistersExactlyTheProductUnits)
 TEST(PlatformUnittests, EveryRegisteredUnitPasses)
 {
     Result r = run(KV_PLATFORM_UNITTESTS_PATH, "--runallunittests");
-    std::vector<std::string> lines = stampedLinesOnly(r.out);
+    const std::vector<std::string> lines = splitStamped(r.out, false);
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().rfind("UNITTEST OK (", 0), 0u) << r.out;
     EXPECT_EQ(r.status, 0) << "the runner exits 0 unless it crashed or a sanitizer stopped it";

@@ -12,8 +12,8 @@
 
 // Splits text into lines and strips each line's time stamp. With
 // `requireStamp`, a line without a stamp is a test failure; without it, such
-// lines are skipped: object-style suite reports put line breaks inside one
-// printed message, and the text after such a break has no stamp of its own.
+// a line is kept as it is: object-style suite reports put line breaks inside
+// one printed message, and the text after such a break has no stamp of its own.
 inline std::vector<std::string> splitStamped(const std::string& text, bool requireStamp)
 {
     static const std::regex stamp("^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2} ");
@@ -24,8 +24,10 @@ inline std::vector<std::string> splitStamped(const std::string& text, bool requi
         std::smatch m;
         if (std::regex_search(line, m, stamp)) {
             out.push_back(line.substr(static_cast<size_t>(m.length(0))));
-        } else if (requireStamp) {
-            ADD_FAILURE() << "no time stamp: " << line;
+        } else {
+            if (requireStamp) {
+                ADD_FAILURE() << "no time stamp: " << line;
+            }
             out.push_back(line);
         }
     }
@@ -37,9 +39,14 @@ inline std::vector<std::string> stampedLines(const std::string& text)
     return splitStamped(text, true);
 }
 
-inline std::vector<std::string> stampedLinesOnly(const std::string& text)
+// The text with every time stamp removed.
+inline std::string unstamp(const std::string& text)
 {
-    return splitStamped(text, false);
+    std::string out;
+    for (const std::string& line : splitStamped(text, false)) {
+        out += line + "\n";
+    }
+    return out;
 }
 
 #endif

@@ -1,30 +1,16 @@
 // Object-style tests: counting, the FAILURE line and its runner check, the
 // suite report, sharing between suites and the end of a freed suite.
+#include "output.h"
 #include "unittest/cplusplus/ITest.h"
 #include "unittest/cplusplus/TestSuite.h"
 #include "unittest/unittest.h"
 
 #include <gtest/gtest.h>
 
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
-
-// Strips the time stamp the printer puts at the start of a line (lines that
-// continue a message without a stamp are kept as they are).
-std::string unstamp(const std::string& text)
-{
-    static const std::regex stamp("^\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2} ");
-    std::istringstream in(text);
-    std::string line, out;
-    while (std::getline(in, line)) {
-        out += std::regex_replace(line, stamp, "", std::regex_constants::format_first_only) + "\n";
-    }
-    return out;
-}
 
 // A test whose checks are given as a list of outcomes, made at line 100+i.
 class Scripted : public ITest {
