@@ -22,6 +22,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 #include <string>
 
@@ -124,6 +125,9 @@ char* KV_getPath(char* buf, int size, const char* name, KV_PATH_TYPE type);
 unsigned KVOS_ticksCurrent(void);
 unsigned KVOS_ticksDiff(unsigned from, unsigned to);
 unsigned KVOS_ticksElapsed(unsigned since);
+
+/* Processor time consumed by the calling thread so far. */
+struct timespec KVOS_threadClock(void);
 
 /* One relative sleep on the monotonic clock; the system's result (an
  * interrupted sleep is not resumed). */
