@@ -17,4 +17,5 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_kvos_ptrq", unittest_kvos_ptrq, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_fsm", unittest_fsm, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_profiling", unittest_profiling, UNITTEST_TYPE_FAST);
 }
