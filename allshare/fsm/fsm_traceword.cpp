@@ -28,7 +28,7 @@
 #include "abstraction/kvos_semaphore.h"
 #include "fsm/fsm_glob.h"
 #include "fsm/fsm_profiling.h"
-#include "fsm/fsm_trace_seams.h"
+#include "fsm/fsm_profiling_seams.h"
 
 namespace {
 

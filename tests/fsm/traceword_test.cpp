@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "abstraction/kvos_seams.h"
-#include "fsm/fsm_trace_seams.h"
+#include "fsm/fsm_profiling_seams.h"
 #include "support.h"
 #include "tasked.h"
 
