@@ -33,6 +33,9 @@ namespace {
 
 constexpr uint64_t kSliceUs = 20000;
 constexpr unsigned kListWaitMs = 10000;
+/* The wheel's expiry sends log through log4cxx on failures: far more than
+ * the 16 KiB minimum of a KVOS task. */
+constexpr unsigned kStackSize = 256 * 1024;
 
 struct TickSource {
     uint64_t periodUs = 0;
@@ -88,6 +91,7 @@ bool sys_startTickSource(unsigned period_ms)
     }
     KVOS_TASK_ATTR* attr = KVOS_taskAttrCreate();
     KVOS_taskAttrSetName(attr, "fsmTick");
+    KVOS_taskAttrSetStackSize(attr, kStackSize);
     src->tid = KVOS_taskCreate(tickMain, src, attr);
     KVOS_taskAttrDestroy(attr);
     if (src->tid == KVOS_NO_TASK_ID) {

@@ -53,14 +53,26 @@ public:
             names_.push_back("timerT" + std::to_string(i));
         }
         for (unsigned i = 0; i < tasks; ++i) {
-            procs_.push_back(FSMPROCCONFIG{i, names_[i].c_str(), queueLength, nullptr});
+            // Jobs log and the sanitizers' frames are large: well above the
+            // 16 KiB minimum of a task.
+            KVOS_TASK_ATTR* attr = KVOS_taskAttrCreate();
+            KVOS_taskAttrSetName(attr, names_[i].c_str());
+            KVOS_taskAttrSetStackSize(attr, 512 * 1024);
+            attrs_.push_back(attr);
+            procs_.push_back(FSMPROCCONFIG{i, names_[i].c_str(), queueLength, attr});
         }
         fsm_setProductSpecieNames(kTestSpecies);
         sys_initFSMSystem(specs_.data());
         fsm_procSetup(procs_.data(), procs_.size(), specs_.data());
         sys_startSystemTimer();
     }
-    ~TaskedSystem() { fsm_procShutdown(); }
+    ~TaskedSystem()
+    {
+        fsm_procShutdown();
+        for (KVOS_TASK_ATTR* attr : attrs_) {
+            KVOS_taskAttrDestroy(attr);
+        }
+    }
     TaskedSystem(const TaskedSystem&) = delete;
     TaskedSystem& operator=(const TaskedSystem&) = delete;
 
@@ -68,6 +80,7 @@ private:
     std::vector<FSMSPECCONFIG> specs_;
     std::vector<std::string> names_;
     std::vector<FSMPROCCONFIG> procs_;
+    std::vector<KVOS_TASK_ATTR*> attrs_;
 };
 
 }  // namespace fsm_test
