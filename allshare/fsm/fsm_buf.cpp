@@ -45,7 +45,7 @@ void raise(uint32_t& peak, uint32_t value)
 
 }  // namespace
 
-kvlog::LoggerPtr getNormbufCleanupLogger(void)
+const kvlog::LoggerPtr& getNormbufCleanupLogger(void)
 {
     static const kvlog::LoggerPtr logger = kvlog::getDeveloperLogger("fsm.normbufcleanup");
     return logger;
@@ -148,7 +148,7 @@ void fsm_returnMsgBuf(PROC_DATA* proc, NORMBUF* buf)
         return;
     }
     fsm_verifyBuffer(buf);
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (proc != nullptr) {
         KVLOG_TRACE(logger, kvp("Detail", "Deallocating fsm buffer") << procFields(proc) << bufFields(buf));
         // Deliberately the specie only: any individual of the destination
@@ -212,14 +212,17 @@ std::ostream& fsm_streamPoolStats(std::ostream& os)
     return os;
 }
 
-const FSM_SPECIE_BUFFER_STATS* fsm_getPoolStats(SPECIE specie)
+bool fsm_getPoolStats(SPECIE specie, FSM_SPECIE_BUFFER_STATS* out)
 {
     for (uint32_t i = 0; i < noFsmSpecs; ++i) {
         if (fsmSpecieBufferStats[i].allocatingSpecie == specie) {
-            return &fsmSpecieBufferStats[i];
+            KVOS_mutexLock(&fsmBuffersStatsMutex);
+            *out = fsmSpecieBufferStats[i];
+            KVOS_mutexUnlock(&fsmBuffersStatsMutex);
+            return true;
         }
     }
-    return nullptr;
+    return false;
 }
 
 uint32_t fsm_poolStatsCount(void)

@@ -72,7 +72,7 @@ GLOB_DATA* sys_getGlob(void)
     return &sGlob;
 }
 
-kvlog::LoggerPtr fsm_getDeveloperLogger(void)
+const kvlog::LoggerPtr& fsm_getDeveloperLogger(void)
 {
     static const kvlog::LoggerPtr logger = kvlog::getDeveloperLogger("fsm");
     return logger;
@@ -253,7 +253,7 @@ bool fsm_verifyAddr(const FSMADDR* addr)
     if (detail == nullptr) {
         return true;
     }
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (kvlog::isErrorEnabled(logger)) {
         std::ostringstream os;
         // The location of the record, not its contents: kept as it is.

@@ -127,12 +127,38 @@ void enterNextState(PROC_DATA* proc, GLOB_SPEC_D* d, IND_NO ind, STATE before)
     }
 }
 
+/* sys_decodeRecMsg, handing back the specie's record when a job is to run. */
+GLOB_SPEC_D* decodeStandard(PROC_DATA* proc)
+{
+    GLOB_SPEC_D* d = decodeStart(proc);
+    if (d == nullptr) {
+        return nullptr;
+    }
+    if (d->pSpecDesc->fsmType != FSM_TYPE_STANDARD) {
+        KVLOG_ERROR(fsm_getDeveloperLogger(), kvp("Detail", "Failed to decode fsm message. Unknown fsm type")
+                                                  << kvp("Fsm-type", static_cast<int>(d->pSpecDesc->fsmType))
+                                                  << procFields(proc));
+        BOOST_ASSERT_MSG(false, "Invalid fsm type");
+    }
+    switch (lookupStandard(proc, d)) {
+    case LookupResult::Handle:
+        return d;
+    case LookupResult::Save:
+        logSaving(proc);
+        sys_saveMsg(proc);
+        return nullptr;
+    case LookupResult::Reject:
+        break;
+    }
+    return nullptr;
+}
+
 void sys_handle_message_sfsm(PROC_DATA* proc)
 {
-    if (!sys_decodeRecMsg(proc)) {
+    GLOB_SPEC_D* d = decodeStandard(proc);
+    if (d == nullptr) {
         return;
     }
-    GLOB_SPEC_D* d = fsm_getGlobalSpecieDesc(proc->ProcSELF.Spec);
     const IND_NO ind = proc->ProcSELF.Ind;
     const STATE before = proc->ProcState;
     if (proc->specDesc->pTaskProc != nullptr) {
@@ -183,7 +209,7 @@ void fsm_sendMsgWithPriority(PROC_DATA* proc, MSGNAME msg, FSMADDR dest, NORMBUF
     if (buf == nullptr) {
         buf = fsm_getBuf(proc, 0);
     }
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (buf->Dest.Spec != proc->ProcSELF.Spec) {
         KVLOG_ERROR(logger, kvp("Detail", "Sending fsm message buffer that someone else has manipulated")
                                 << procFields(proc) << bufFields(buf));
@@ -239,7 +265,7 @@ void fsm_sendMsgWithPriority(PROC_DATA* proc, MSGNAME msg, FSMADDR dest, NORMBUF
 
 void sys_sendFarMsg(MSGNAME msg, FSMADDR dest, FSMADDR src, NORMBUF* buf)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (!fsm_verifyAddr(&dest)) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to send fsm message. Invalid destination address")
                                 << farFields(msg, src, dest));
@@ -273,7 +299,7 @@ void sys_sendFarMsg(MSGNAME msg, FSMADDR dest, FSMADDR src, NORMBUF* buf)
 
 void fsm_keepMsgBuf(PROC_DATA* proc, NORMBUF* buf)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     KVLOG_DEBUG(logger, kvp("Detail", "Keeping fsm message buffer") << procFields(proc) << bufFields(buf));
     if (!proc->returnBufToPool) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to keep fsm message buffer. Buffer already sent or keepMsgBuf "
@@ -290,32 +316,12 @@ void fsm_keepMsgBuf(PROC_DATA* proc, NORMBUF* buf)
 
 bool sys_decodeRecMsg(PROC_DATA* proc)
 {
-    GLOB_SPEC_D* d = decodeStart(proc);
-    if (d == nullptr) {
-        return false;
-    }
-    if (d->pSpecDesc->fsmType != FSM_TYPE_STANDARD) {
-        KVLOG_ERROR(fsm_getDeveloperLogger(), kvp("Detail", "Failed to decode fsm message. Unknown fsm type")
-                                                  << kvp("Fsm-type", static_cast<int>(d->pSpecDesc->fsmType))
-                                                  << procFields(proc));
-        BOOST_ASSERT_MSG(false, "Invalid fsm type");
-    }
-    switch (lookupStandard(proc, d)) {
-    case LookupResult::Handle:
-        return true;
-    case LookupResult::Save:
-        logSaving(proc);
-        sys_saveMsg(proc);
-        return false;
-    case LookupResult::Reject:
-        break;
-    }
-    return false;
+    return decodeStandard(proc) != nullptr;
 }
 
 void sys_saveMsg(PROC_DATA* proc)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     if (!proc->returnBufToPool) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to save fsm message buffer. Buffer already sent or message marked "
                                           "as keep")
@@ -373,11 +379,17 @@ void interpretMsg(PROC_DATA* proc, NORMBUF* buf)
     GLOB_DATA* glob = sys_getGlob();
     proc->ProcRecType = ' ';
     proc->pProcMsg = buf;
+    // The end of one message is the start of the next internal one: the
+    // clock is read once per message handled in a row.
+    bool haveStart = false;
+    unsigned start = 0;
     for (;;) {
         NORMBUF* msg = proc->pProcMsg;
         if (msg != nullptr) {
             fsm_verifyBuffer(msg);
-            const unsigned start = KVOS_ticksCurrent();
+            if (!haveStart) {
+                start = KVOS_ticksCurrent();
+            }
             const SPECIE specie = msg->Dest.Spec;
             const MSGNAME name = msg->MsgName;
             const GLOB_SPEC_D* d = fsm_getGlobalSpecieDesc(specie);
@@ -412,7 +424,10 @@ void interpretMsg(PROC_DATA* proc, NORMBUF* buf)
                 }
                 fsmprofiling_update(glob, name, specie, dt);
             }
-            const unsigned ms = KVOS_ticksElapsed(start) * 10;
+            const unsigned end = KVOS_ticksCurrent();
+            const unsigned ms = KVOS_ticksDiff(start, end) * 10;
+            start = end;
+            haveStart = true;
             if (ms > kSlowMessageMs) {
                 std::ostringstream detail;
                 detail << "Took " << ms / 1000 << " secs to process FSM message ";

@@ -113,7 +113,7 @@ void sys_regSpec(PROC_DATA* proc, const FSMSPECCONFIG& entry, KVOS_PTRQ_ID msgQ)
     if (!fsm_verifySpec(entry.Specie)) {
         return;  // reported by fsm_checkModules
     }
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     GLOB_SPEC_D* d = fsm_getGlobalSpecieDesc(entry.Specie);
     if (d->pSpecDesc != nullptr) {
         KVLOG_ERROR(logger, kvp("Detail", "Failed to register fsm specie. Specie id is already registered")
@@ -137,7 +137,7 @@ void sys_regSpec(PROC_DATA* proc, const FSMSPECCONFIG& entry, KVOS_PTRQ_ID msgQ)
 /* Runs the reset job of every individual of every specie of this task. */
 void sys_resetFSMSpecies(PROC_DATA* proc, KVOS_PTRQ_ID msgQ)
 {
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     for (SPECIE s = fsm_firstSpec(); s != NO_SPECIE; s = fsm_nextSpec(s)) {
         GLOB_SPEC_D* d = fsm_getGlobalSpecieDesc(s);
         if (d->RtosQid != msgQ) {
@@ -229,7 +229,7 @@ void fsm_task_main(void* startRecord)
 void fsm_procSetup(FSMPROCCONFIG* procs, size_t numTasks, FSMSPECCONFIG* specs)
 {
     GLOB_DATA* glob = sys_getGlob();
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     sMasterQ = KVOS_ptrqCreate("masterQ", 100);
     BOOST_ASSERT_MSG(sMasterQ != KVOS_NO_PTRQ_ID, "masterQ != NULL");
 
@@ -260,6 +260,9 @@ void fsm_procSetup(FSMPROCCONFIG* procs, size_t numTasks, FSMSPECCONFIG* specs)
             if (attr == nullptr) {
                 attr = KVOS_taskAttrCreate();
                 KVOS_taskAttrSetName(attr, cfg.queueName != nullptr ? cfg.queueName : "fsmTask");
+                // Jobs log and format: the KVOS minimum of 16 KiB is too
+                // tight for them.
+                KVOS_taskAttrSetStackSize(attr, FSM_TASK_DEFAULT_STACK);
             }
             auto* record = new StartRecord{&task.procData, sMasterQ, startQ, msgQ};
             tid = KVOS_taskCreate(fsm_task_main, record, attr);
@@ -320,7 +323,7 @@ void fsm_procSetup(FSMPROCCONFIG* procs, size_t numTasks, FSMSPECCONFIG* specs)
 void fsm_procShutdown(void)
 {
     GLOB_DATA* glob = sys_getGlob();
-    const kvlog::LoggerPtr logger = fsm_getDeveloperLogger();
+    const kvlog::LoggerPtr& logger = fsm_getDeveloperLogger();
     sys_stopTickSource();
 
     size_t live = 0;

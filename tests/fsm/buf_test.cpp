@@ -53,6 +53,10 @@ TEST(FsmBufTest, MachineBuffersAreCountedForTheAllocatingSpecie)
 {
     FsmSystem sys({ALPHA, BETA});
     EXPECT_EQ(3u, fsm_poolStatsCount());
+    FSM_SPECIE_BUFFER_STATS none{};
+    none.peakBufferSize = 77;
+    EXPECT_FALSE(fsm_getPoolStats(GAMMA, &none));
+    EXPECT_EQ(77u, none.peakBufferSize);
     PROC_DATA alpha = procAt({ALPHA, 1});
     NORMBUF* b = fsm_getBuf(&alpha, 3);
     EXPECT_EQ((FSMADDR{ALPHA, 1}), b->Allocator);
@@ -186,7 +190,7 @@ TEST(FsmBufTest, CleanupCallbackRunsOnceBeforeTheCountersFall)
     fsm_msgBody(b)[0] = 0x5A;
     b->normbufCleanupCb = [](NORMBUF* buf) {
         ++gCleanup.calls;
-        gCleanup.countDuringCall = fsm_getPoolStats(ALPHA)->currentBufferCount;
+        gCleanup.countDuringCall = stats(ALPHA).currentBufferCount;
         gCleanup.magicDuringCall = buf->headerEndMagic;
         gCleanup.firstByte = fsm_msgBody(buf)[0];
     };

@@ -97,12 +97,11 @@ void logToStderr()
 
 FSM_SPECIE_BUFFER_STATS stats(SPECIE s)
 {
-    const FSM_SPECIE_BUFFER_STATS* p = fsm_getPoolStats(s);
-    if (p == nullptr) {
+    FSM_SPECIE_BUFFER_STATS out{};
+    if (!fsm_getPoolStats(s, &out)) {
         ADD_FAILURE() << "no statistics record for specie " << std::hex << s;
-        return FSM_SPECIE_BUFFER_STATS{};
     }
-    return *p;
+    return out;
 }
 
 FsmSystem::FsmSystem(std::vector<SPECIE> configured)

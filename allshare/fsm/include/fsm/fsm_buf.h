@@ -98,13 +98,14 @@ void fsm_logPoolStats(void);
 /* The statistics report, every record in order (record 0 as NO_SPECIE). */
 std::ostream& fsm_streamPoolStats(std::ostream& os);
 
-/* The statistics record of `specie` (record 0 for NO_SPECIE), null when
- * there is none; and the number of records. For diagnostics and tests: the
- * record is read without the mutex. */
-const FSM_SPECIE_BUFFER_STATS* fsm_getPoolStats(SPECIE specie);
+/* A copy, taken under the mutex, of the statistics record of `specie`
+ * (record 0 for NO_SPECIE); false, and *out untouched, when there is none.
+ * Safe while traffic runs. */
+bool fsm_getPoolStats(SPECIE specie, FSM_SPECIE_BUFFER_STATS* out);
+/* The number of statistics records. */
 uint32_t fsm_poolStatsCount(void);
 
 /* The developer logger "fsm.normbufcleanup", for clean-up call-backs. */
-kvlog::LoggerPtr getNormbufCleanupLogger(void);
+const kvlog::LoggerPtr& getNormbufCleanupLogger(void);
 
 #endif

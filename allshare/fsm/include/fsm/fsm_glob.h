@@ -63,7 +63,8 @@ GLOB_DATA* sys_getGlob(void);
  * partly built table. */
 void sys_initGlobalData(void);
 /* sys_initGlobalData, fsm_poolInit(config), sys_initSystemTimer, in that
- * order. Also releases the tables of a previous run that was shut down. */
+ * order. Also releases the tables of a previous run, which must have been
+ * shut down (fsm_procShutdown) first: no FSM task may run meanwhile. */
 void sys_initFSMSystem(const FSMSPECCONFIG* config);
 
 /* Re-orders a name table by module: a heap array indexed by module number
@@ -124,8 +125,9 @@ std::string fsm_getJobName(const SPEC_DESC* spec, FUPTR job);
 /* "<specie name>:<individual>", "NO_IND" for NO_IND; e.g. FSM_TIMER:0. */
 std::ostream& operator<<(std::ostream& os, const FSMADDR& addr);
 
-/* The framework's logger, "developer.fsm". */
-kvlog::LoggerPtr fsm_getDeveloperLogger(void);
+/* The framework's logger, "developer.fsm", created once and kept for the
+ * life of the process (a reference: callers on hot paths copy nothing). */
+const kvlog::LoggerPtr& fsm_getDeveloperLogger(void);
 
 /* Sleeps 2 seconds so that logs can be flushed, then aborts. */
 [[noreturn]] void sys_fatalError(void);

@@ -242,7 +242,10 @@ typedef struct FSMSPECCONFIG_ {
 } FSMSPECCONFIG;
 
 /* One FSM task of the process configuration. A null taskAttr gives the
- * default attributes with the queue's name as the task's name. */
+ * default attributes with the queue's name as the task's name and a stack
+ * of FSM_TASK_DEFAULT_STACK bytes. */
+#define FSM_TASK_DEFAULT_STACK (256u * 1024u)
+
 typedef struct FSMPROCCONFIG_ {
     unsigned int fsmTaskId;
     const char* queueName;
