@@ -92,6 +92,14 @@ struct TIMER_SYSTEM_ {
 
 namespace {
 
+/* `inwheel` is written under the mutex but may be read without it (a
+ * machine asking whether its timer still runs while the tick source expires
+ * it), so every write and the unlocked read are atomic. */
+void setInWheel(TIMERBUF* timer, bool on)
+{
+    __atomic_store_n(&timer->inwheel, on, __ATOMIC_RELEASE);
+}
+
 /* The slot of a timer that falls due at `expiry` (64-bit), seen from `now`. */
 unsigned slotOf(uint64_t now, uint64_t expiry)
 {
@@ -123,7 +131,7 @@ void unlinkTimer(TIMER_SYSTEM* ts, TIMERBUF* timer)
 {
     DList_remove(listOf(ts, timer), timer);
     timer->expireAt = 0;
-    timer->inwheel = false;
+    setInWheel(timer, false);
     --ts->running;
 }
 
@@ -225,7 +233,7 @@ void timerSystemInitTimer(TIMERBUF* timer)
 
 bool timerSystemIsActiveTimer(TIMERBUF* timer)
 {
-    return timer->inwheel;
+    return __atomic_load_n(&timer->inwheel, __ATOMIC_ACQUIRE);
 }
 
 void timerSystemStartTimer(TIMER_SYSTEM* ts, TIMERBUF* timer, uint32_t interval, MSGNAME msg, FSMADDR owner,
@@ -247,7 +255,7 @@ void timerSystemStartTimer(TIMER_SYSTEM* ts, TIMERBUF* timer, uint32_t interval,
     timer->owner = owner;
     timer->data = data;
     DList_insertFirst(listOf(ts, timer), timer);
-    timer->inwheel = true;
+    setInWheel(timer, true);
     ++ts->running;
 }
 
@@ -286,7 +294,7 @@ void timerSystemRunTimerWheel(TIMER_SYSTEM* ts)
         const uintptr_t data = timer->data;
         // Idle before the message leaves, so that its job may restart it.
         timer->expireAt = 0;
-        timer->inwheel = false;
+        setInWheel(timer, false);
         --ts->running;
         if (ts->sink != nullptr) {
             ts->sink(ts->sinkArg, msg, owner, ts->owner, data);

@@ -133,10 +133,13 @@ namespace {
 
 std::atomic<int> gClockReads{0};
 
-/* One millisecond per reading. */
+/* One millisecond per reading, counted per thread: each task sees its own
+ * clock advance by exactly 1 ms across a job. */
 timespec steppingClock()
 {
-    const long n = gClockReads.fetch_add(1) + 1;
+    thread_local long n = 0;
+    gClockReads.fetch_add(1);
+    ++n;
     return timespec{n / 1000, (n % 1000) * 1000000L};
 }
 
