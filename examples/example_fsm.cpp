@@ -160,7 +160,7 @@ int main()
                        gServer.hits + gReceiver.hits == 7;
 
     KVOS_semaphoreDelete(&gGameOver);
-    KVOS_cleanup();
+    // The FSM tasks are gone; KVOS's own service tasks end with the process.
     std::string cleanup = std::string("rm -rf ") + dir;
     return clean && system(cleanup.c_str()) == 0 ? 0 : 1;
 }

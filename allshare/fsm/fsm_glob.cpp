@@ -397,42 +397,42 @@ const char* fsm_getMsgName(MSGNAME msg)
     return sGlob.pMsgNames[m].pNames[FSM_ID_INDEX(msg)];
 }
 
-const char* fsm_getStateName(const SPEC_DESC* spec, STATE state)
+const char* fsm_getStateName(const SPEC_DESC* desc, STATE state)
 {
     static char number[10];
     if (state == NO_STATE) {
         return "NO_STATE";
     }
-    if (spec == nullptr || spec->pStateNames == nullptr) {
+    if (desc == nullptr || desc->pStateNames == nullptr) {
         // Ten characters: the largest numbers lose their last digit.
         if (snprintf(number, sizeof(number), "%u", state) < 0) {
             number[0] = '\0';
         }
         return number;
     }
-    return spec->pStateNames[state].szName;
+    return desc->pStateNames[state].szName;
 }
 
-const char* fsm_getTaskName(const SPEC_DESC* spec, TASK task)
+const char* fsm_getTaskName(const SPEC_DESC* desc, TASK task)
 {
     static char number[10];
-    BOOST_ASSERT_MSG(spec != NULL, "pSpec");
+    BOOST_ASSERT_MSG(desc != NULL, "pSpec");
     if (task == NO_TASK) {
         return "NO_TASK";
     }
-    if (spec->pTaskNames == nullptr) {
+    if (desc->pTaskNames == nullptr) {
         // Ten characters: the largest numbers lose their last digit.
         if (snprintf(number, sizeof(number), "%u", task) < 0) {
             number[0] = '\0';
         }
         return number;
     }
-    return spec->pTaskNames[task];
+    return desc->pTaskNames[task];
 }
 
-std::string fsm_getJobName(const SPEC_DESC* spec, FUPTR job)
+std::string fsm_getJobName(const SPEC_DESC* desc, FUPTR job)
 {
-    for (const STATE_NAME* rec = spec != nullptr ? spec->pStateNames : nullptr; rec != nullptr && rec->szName[0];
+    for (const STATE_NAME* rec = desc != nullptr ? desc->pStateNames : nullptr; rec != nullptr && rec->szName[0];
          ++rec) {
         if (rec->pJob == job) {
             return rec->szName;
@@ -481,12 +481,30 @@ std::string ptrText(const void* p)
 
 namespace {
 
-/* A state's name only when the specie has a record for it: the fields are
- * also written for states that were found illegal. */
-const char* stateText(const SPEC_DESC* spec, STATE state)
+/* Names for the process fields, written by every task at once: numbers
+ * are formatted here rather than in the static buffers of fsm_getStateName
+ * and fsm_getTaskName, and a state without a record (an illegal one) prints
+ * as its number. */
+std::string stateText(const SPEC_DESC* desc, STATE state)
 {
-    return spec != nullptr && state != NO_STATE && state > spec->HighState ? fsm_getStateName(nullptr, state)
-                                                                           : fsm_getStateName(spec, state);
+    if (state == NO_STATE) {
+        return "NO_STATE";
+    }
+    if (desc == nullptr || desc->pStateNames == nullptr || state > desc->HighState) {
+        return std::to_string(state);
+    }
+    return desc->pStateNames[state].szName;
+}
+
+std::string taskText(const SPEC_DESC* desc, TASK task)
+{
+    if (task == NO_TASK) {
+        return "NO_TASK";
+    }
+    if (desc == nullptr || desc->pTaskNames == nullptr) {
+        return std::to_string(task);
+    }
+    return desc->pTaskNames[task];
 }
 
 }  // namespace
@@ -494,10 +512,9 @@ const char* stateText(const SPEC_DESC* spec, STATE state)
 std::ostream& operator<<(std::ostream& os, const ProcFields& f)
 {
     const PROC_DATA* p = f.proc;
-    const char* task = p->specDesc != nullptr ? fsm_getTaskName(p->specDesc, p->ProcTask) : "NO_TASK";
     return os << kvp("Self", p->ProcSELF) << kvp("Sender", p->ProcSENDER) << kvp("Msg", safeMsgName(p->ProcMsgName))
-              << kvp("Task", task) << kvp("State", std::string(stateText(p->specDesc, p->ProcState)))
-              << kvp("NxtState", std::string(stateText(p->specDesc, p->ProcNxtState)))
+              << kvp("Task", taskText(p->specDesc, p->ProcTask)) << kvp("State", stateText(p->specDesc, p->ProcState))
+              << kvp("NxtState", stateText(p->specDesc, p->ProcNxtState))
               << kvp("NxtStateId", p->ProcNxtState);
 }
 

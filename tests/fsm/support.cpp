@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include "abstraction/kvos_task.h"
+
 #include <stdlib.h>
 
 #include <chrono>
@@ -29,6 +31,9 @@ void initOnce()
         map = KVOS_addPathMap(map, PATH_TYPE_PERM, (gDir + "/persistent").c_str());
         kvos_set_path_map(KVOS_addPathMap(map, PATH_TYPE_TMP, gDir.c_str()));
         KVOS_init();
+        // Settle: the reaper and the D-Bus dispatcher listed, so that tests
+        // count only the tasks they start.
+        waitFor([] { return kvos_taskListSize() >= 2; });
     });
 }
 

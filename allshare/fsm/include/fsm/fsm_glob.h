@@ -114,13 +114,13 @@ const char* fsm_getSpecName(SPECIE s);
 const char* fsm_getMsgName(MSGNAME m);
 /* "NO_STATE", the record's name, or the number in a static buffer shared
  * by all threads when the specie has no state records. */
-const char* fsm_getStateName(const SPEC_DESC* spec, STATE state);
+const char* fsm_getStateName(const SPEC_DESC* desc, STATE state);
 /* Asserts "pSpec"; "NO_TASK", the task's name, or the number in a shared
  * static buffer when the specie has no task names. */
-const char* fsm_getTaskName(const SPEC_DESC* spec, TASK task);
+const char* fsm_getTaskName(const SPEC_DESC* desc, TASK task);
 /* The name of a job function in a specie's state records, or its location
  * ("%p") when it is not listed. */
-std::string fsm_getJobName(const SPEC_DESC* spec, FUPTR job);
+std::string fsm_getJobName(const SPEC_DESC* desc, FUPTR job);
 
 /* "<specie name>:<individual>", "NO_IND" for NO_IND; e.g. FSM_TIMER:0. */
 std::ostream& operator<<(std::ostream& os, const FSMADDR& addr);
