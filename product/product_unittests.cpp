@@ -23,6 +23,7 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_NetAddrTab", unittest_NetAddrTab, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_abstraction_sockopts", unittest_abstraction_sockopts, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_fsm", unittest_fsm, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_profiling", unittest_profiling, UNITTEST_TYPE_FAST);
 }
 
 namespace {

@@ -17,6 +17,7 @@
 #include <sstream>
 
 #include "abstraction/kvos.h"
+#include "fsm/fsm_profiling_seams.h"
 #include "fsm_internal.h"
 
 using namespace fsm_detail;
@@ -365,7 +366,15 @@ unsigned fsm_saveQueueLength(const void* indData)
     return n;
 }
 
-void sys_interpretMsg(PROC_DATA* proc, NORMBUF* buf)
+/* Profiling can be compiled out of message handling altogether. */
+#ifndef FSM_PROFILING_BUILT
+#define FSM_PROFILING_BUILT 1
+#endif
+
+namespace {
+
+template <bool kProfiled>
+void interpretMsg(PROC_DATA* proc, NORMBUF* buf)
 {
     GLOB_DATA* glob = sys_getGlob();
     proc->ProcRecType = ' ';
@@ -388,7 +397,7 @@ void sys_interpretMsg(PROC_DATA* proc, NORMBUF* buf)
 
             // Profiling: one sample per message handled, keyed by message
             // name and handling specie, taken around the handler only.
-            const bool profile = fsmprofiling_enabled(glob);
+            const bool profile = kProfiled && fsmprofiling_enabled(glob);
             const struct timespec t0 = profile ? fsmprofiling_clock(glob) : timespec{0, 0};
 
             const FsmType type = d->pSpecDesc != nullptr ? d->pSpecDesc->fsmType : FSM_TYPE_STANDARD;
@@ -440,4 +449,16 @@ void sys_interpretMsg(PROC_DATA* proc, NORMBUF* buf)
         proc->ProcRecType = 'I';
         proc->pProcMsg = next;
     }
+}
+
+}  // namespace
+
+void sys_interpretMsg(PROC_DATA* proc, NORMBUF* buf)
+{
+    interpretMsg<FSM_PROFILING_BUILT != 0>(proc, buf);
+}
+
+void fsm_interpretMsgUnprofiled(PROC_DATA* proc, NORMBUF* buf)
+{
+    interpretMsg<false>(proc, buf);
 }

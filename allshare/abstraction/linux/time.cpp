@@ -47,6 +47,14 @@ uint64_t KVMISC_now64(void)
     return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
 }
 
+struct timespec KVOS_threadClock(void)
+{
+    struct timespec ts;
+    int retval = clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    BOOST_ASSERT_MSG(retval == 0, "the thread's processor-time clock cannot be read");
+    return ts;
+}
+
 void kvos_time_start(void)
 {
     KVMISC_now(&KVOS_sInitTime);

@@ -25,6 +25,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 #include <string>
 
@@ -148,6 +149,9 @@ unsigned KVOS_ticksCurrent(void);
 unsigned KVOS_ticksDiff(unsigned from, unsigned to);
 /** Ticks since `since`: KVOS_ticksCurrent() - since, unsigned 32-bit like KVOS_ticksDiff. */
 unsigned KVOS_ticksElapsed(unsigned since);
+
+/** Processor time consumed by the calling thread so far. */
+struct timespec KVOS_threadClock(void);
 
 ///@{
 /** One relative sleep on the monotonic clock; the system's result (an

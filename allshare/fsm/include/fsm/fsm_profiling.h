@@ -26,6 +26,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <mutex>
 #include <ostream>
 #include <unordered_map>
 
@@ -71,8 +72,12 @@ public:
 
     std::atomic<bool> profiling;
     FSM_CLOCK_FUNC clockfn;
-    KVOS_MUTEX lock;
+    KVOS_MUTEX lock;   /**< created on first use: construction precedes KVOS */
     std::unordered_map<uint64_t, ProfilingData> kv_map;
+
+private:
+    KVOS_MUTEX* mapLock();
+    std::once_flag lockOnce_;
 };
 
 /** The same operations on the Profiling member of a GLOB_DATA. The key of

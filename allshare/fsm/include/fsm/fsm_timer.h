@@ -5,11 +5,17 @@
  *
  * The process has one timer system, created by sys_initGlobalData under the
  * name "FsmTimerWheel" with the owner address {FSM_TIMER, 0} and held in
- * GLOB_DATA.Time. It keeps the running timers in one list ordered by expiry;
- * each tick (one call of the advance operation) turns the timers that fall
+ * GLOB_DATA.Time. It behaves as one list of running timers ordered by
+ * expiry (a timer started with interval i falls due on the i-th tick after;
+ * of the timers due on one tick, the one started last is delivered first)
+ * but is stored as a hierarchical wheel, so start, stop and restart cost
+ * O(1) and a tick O(timers due), whatever the number of timers running.
+ * Each tick (one call of the advance operation) turns the timers that fall
  * due into far messages whose Source is the system's owner address and whose
- * 8-byte body carries the timer's `data`. The tick period belongs to whoever
- * drives the wheel: the tick source below, or the product's own.
+ * 8-byte body carries the timer's `data`; the timer is idle again before
+ * its message is sent, so the job handling it may restart it. The sends are
+ * made inside the tick with the system's mutex held. The tick period belongs
+ * to whoever drives the wheel: the tick source below, or the product's own.
  *
  * A TIMERBUF is owned and stored by the machine that uses it (usually in its
  * individual data) and must stay alive while it runs. Start, stop and tick
@@ -63,7 +69,10 @@ void timerSystemStartTimer(TIMER_SYSTEM* ts, TIMERBUF* timer, uint32_t interval,
 void timerSystemStopTimer(TIMER_SYSTEM* ts, TIMERBUF* timer);
 /** One tick: advances the count and sends every timer that falls due. */
 void timerSystemRunTimerWheel(TIMER_SYSTEM* ts);
-/** Diagnostic listing of the running timers. */
+/** Diagnostic listing of the running timers in the order they will be
+ * delivered: "Timer system <name>: tick <t>, <n> running", then per timer
+ * "  tick <expireAt> (in <ticks left>): <message> to <owner> data <data>
+ * timer <location>". A TIMERBUF is found only in the system it runs in. */
 void timerSystemListTimers(TIMER_SYSTEM* ts, std::ostream& os);
 bool timerSystemIsTimerInList(TIMER_SYSTEM* ts, TIMERBUF* timer);
 
@@ -82,10 +91,14 @@ void sys_listTimers(std::ostream& os);
 bool sys_isBufferInList(TIMERBUF* timer);
 bool sys_isActiveTimer(TIMERBUF* timer);
 
-/** The tick source: a KVOS task that calls sys_runTimerWheel once every
- * period_ms milliseconds. False when it already runs or cannot be started.
- * sys_stopTickSource stops it and waits for it to end; it does nothing when
- * no tick source runs. fsm_procShutdown stops it. */
+/** The tick source: a KVOS task ("fsmTick") that calls sys_runTimerWheel
+ * once every period_ms milliseconds, on absolute deadlines of the monotonic
+ * clock: the count does not drift, and after a stall it catches up tick by
+ * tick, so no expiry is skipped. Start it after sys_initFSMSystem. False
+ * when it already runs, for a period of 0, or when the task cannot be
+ * created. sys_stopTickSource stops it and waits until the task has been
+ * joined; it does nothing when no tick source runs. fsm_procShutdown stops
+ * it. */
 bool sys_startTickSource(unsigned period_ms);
 void sys_stopTickSource(void);
 

@@ -4,5 +4,6 @@
 #define FSM_UNITTESTS_H
 
 void unittest_fsm(void);
+void unittest_profiling(void);
 
 #endif
