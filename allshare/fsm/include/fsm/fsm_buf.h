@@ -50,7 +50,11 @@ typedef struct NORMBUF_ {
     uint32_t headerEndMagic;
 } NORMBUF;
 
-/** The body of a buffer: BodyLength bytes right behind the header. */
+///@{
+/** The body of a buffer: BodyLength bytes right behind the header. Only
+ * computes the address (no verification, no lock), so any task may call it;
+ * the pointer is part of the buffer's block and dies with it when the buffer
+ * is released. */
 inline uint8_t* fsm_msgBody(NORMBUF* buf)
 {
     return reinterpret_cast<uint8_t*>(buf + 1);
@@ -59,6 +63,7 @@ inline const uint8_t* fsm_msgBody(const NORMBUF* buf)
 {
     return reinterpret_cast<const uint8_t*>(buf + 1);
 }
+///@}
 
 typedef struct _FSM_SPECIE_BUFFER_STATS {
     SPECIE allocatingSpecie;

@@ -55,6 +55,10 @@ extern const FSMMOD_NAME aFSMMsgNames[];
  * The list is borrowed and must outlive the FSM system. Null removes it.
  * Takes effect at the next sys_initFSMSystem. */
 void fsm_setProductSpecieNames(const char* const* names);
+/** The catalogue last installed with fsm_setProductSpecieNames, null when
+ * none is. Still the caller's list (borrowed, never copied or freed). It is
+ * the list the next sys_initFSMSystem takes, not necessarily the one in the
+ * running tables. Read atomically: any thread may call it. */
 const char* const* fsm_getProductSpecieNames(void);
 
 /** The process's single instance. */
@@ -75,7 +79,14 @@ void sys_initFSMSystem(const FSMSPECCONFIG* config);
  * `count`. Null, with a line on standard error, when the largest module is
  * 0 (a table of module 0 alone counts as empty) or memory runs out. */
 FSMMOD_NAME* fsm_FillGlobNames(const FSMMOD_NAME* list, uint32_t* count);
+/** fsm_FillGlobNames over aFSMSpcNames, with the installed product catalogue
+ * (fsm_getProductSpecieNames, possibly null) as the list of module
+ * FSMMOD_NONFSM. The array is the caller's, to be released with free(); the
+ * name lists it points to are not. `count` may be null; it is written only
+ * when the result is not null. Called by sys_initGlobalData. */
 FSMMOD_NAME* fsm_FillGlobSpcNames(uint32_t* count);
+/** fsm_FillGlobNames over aFSMMsgNames. The array is the caller's, to be
+ * released with free(); `count` may be null. Called by sys_initGlobalData. */
 FSMMOD_NAME* fsm_FillGlobMsgNames(uint32_t* count);
 
 /** True when the specie's module is valid and has a table, and its index is
@@ -89,10 +100,17 @@ bool fsm_verifyAddr(const FSMADDR* addr);
  * "Index out of bounds", "Index out of bounds, no such specie". */
 GLOB_SPEC_D* fsm_getGlobalSpecieDesc(SPECIE s);
 
+///@{
 /** Present species (with a description), module by module, index by index;
- * NO_SPECIE at the end. */
+ * NO_SPECIE at the end. fsm_firstSpec gives the first one; fsm_nextSpec(s)
+ * the first present specie after `s` (which need not be present itself),
+ * and NO_SPECIE for NO_SPECIE or a module above FSMMOD_NONFSM. A specie
+ * becomes present when fsm_procSetup binds it and stops being so at
+ * fsm_procShutdown. Both read the tables without a lock: any task, but not
+ * while sys_initFSMSystem or fsm_procShutdown runs. */
 SPECIE fsm_firstSpec(void);
 SPECIE fsm_nextSpec(SPECIE s);
+///@}
 /** 0-based position in that order, or 0xFFFFFFFF when not present. */
 uint32_t fsm_specieOffset(SPECIE s);
 /** iSpecCount of a module; the module is not checked. */

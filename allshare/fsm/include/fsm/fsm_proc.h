@@ -47,10 +47,18 @@ PROC_DATA* fsm_getProcDataFromTID(KVOS_TASK_ID tid);
 /** One process-wide context, reset to "none" on every call. */
 PROC_DATA* fsm_getDummyProcData(void);
 
+///@{
 /** "\n*** Dumping proc start\n", one line per task, "*** Dumping proc end\n";
- * to standard output, or to `os`. */
+ * to standard output, or to `os`. A task's line is "%p: %s-%d message %s
+ * from %s-%d\n" (its context, the current machine, the current message and
+ * its sender) or "%p: no proc data\n" when the task has not started or runs
+ * no machine. Reads the task table without a lock, for diagnostics (the
+ * fatal path of a failed send uses it): any thread, but not concurrently
+ * with fsm_procSetup or fsm_procShutdown. The standard output form writes
+ * the report in one piece and flushes it. */
 void fsm_dumpAllProc(void);
 void fsm_dumpAllProc(std::ostream& os);
+///@}
 
 #pragma GCC visibility pop
 #endif

@@ -113,6 +113,9 @@ typedef struct FSMADDR_ {
     IND_NO Ind;
 } FSMADDR;
 
+///@{
+/** Two addresses are equal when both specie and individual are; NO_IND is
+ * an ordinary value here, not a wildcard. */
 inline bool operator==(const FSMADDR& a, const FSMADDR& b)
 {
     return a.Spec == b.Spec && a.Ind == b.Ind;
@@ -121,6 +124,7 @@ inline bool operator!=(const FSMADDR& a, const FSMADDR& b)
 {
     return !(a == b);
 }
+///@}
 
 /** One module's list of names: pNames ends with a null pointer and the
  * position of a name is its index. Static name tables are arrays of these
