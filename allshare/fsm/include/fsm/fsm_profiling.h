@@ -49,6 +49,7 @@ typedef struct ProfilingData {
     struct timespec accum;
 } ProfilingData;
 
+/** The per-message timing table; the process's one is GLOB_DATA.profiling. */
 class Profiling {
 public:
     Profiling();
@@ -56,13 +57,21 @@ public:
     Profiling(const Profiling&) = delete;
     Profiling& operator=(const Profiling&) = delete;
 
+    /** Turns timing on: the task loop adds a sample for every message it
+     * handles from its next one on. Any thread; the flag is atomic. */
     void profiling_enable();
+    /** Turns timing off; a sample already being taken is still added. Any
+     * thread. */
     void profiling_disable();
+    /** True while timing is on. One relaxed atomic load, cheap enough for
+     * the task loop to ask once per message; any thread. */
     bool profiling_enabled() const;
+    ///@{
     /** Replaces the clock (the default reads the calling thread's processor
      * time); the current clock's reading. */
     void profiling_setclockfn(FSM_CLOCK_FUNC fn);
     struct timespec profiling_clock() const;
+    ///@}
     /** Empties the map. */
     void profiling_clear();
     /** Adds sample t to the entry of key (created with `name` if new). */
@@ -80,6 +89,7 @@ private:
     std::once_flag lockOnce_;
 };
 
+///@{
 /** The same operations on the Profiling member of a GLOB_DATA. The key of
  * fsmprofiling_update is (first << 32) | second and the entry is named after
  * the message name `first`. */
@@ -91,6 +101,7 @@ void fsmprofiling_setclockfn(GLOB_DATA* glob, FSM_CLOCK_FUNC fn);
 struct timespec fsmprofiling_clock(GLOB_DATA* glob);
 void fsmprofiling_show(GLOB_DATA* glob, std::ostream& os);
 void fsmprofiling_update(GLOB_DATA* glob, uint32_t first, uint32_t second, struct timespec t);
+///@}
 
 /** Reads the specie's trace word from "system.par" into *word; leaves it
  * unchanged when the file is unavailable or the read fails. */

@@ -56,9 +56,17 @@ TIMER_SYSTEM* timerSystemCreate(FSMADDR owner, const char* name);
 /** Deletes the mutex (asserts "mutexOk") and frees the system; running
  * timers are not touched. Null is ignored. */
 void timerSystemDelete(TIMER_SYSTEM* ts);
+/** The system's tick count: the number of ticks run since creation, modulo
+ * 2^32 (compare counts by unsigned difference). Takes the system's mutex;
+ * any thread. */
 uint32_t timerSystemGetTicks(TIMER_SYSTEM* ts);
 /** Clears a timer; call once before first use. */
 void timerSystemInitTimer(TIMERBUF* timer);
+/** True while the timer runs: started, and neither stopped nor expired since.
+ * Reads the timer's flag without the system's mutex, so any thread may ask,
+ * the handler of the expiry message included (the timer is already idle
+ * then); the answer can be outdated on return when another thread starts,
+ * stops or ticks at the same time. */
 bool timerSystemIsActiveTimer(TIMERBUF* timer);
 /** Starts (or restarts) a timer to fall due `interval` ticks from now. A
  * zero interval is deliberately refused: logged, not started. Among timers
@@ -74,23 +82,52 @@ void timerSystemRunTimerWheel(TIMER_SYSTEM* ts);
  * "  tick <expireAt> (in <ticks left>): <message> to <owner> data <data>
  * timer <location>". A TIMERBUF is found only in the system it runs in. */
 void timerSystemListTimers(TIMER_SYSTEM* ts, std::ostream& os);
+/** True when the timer runs in `ts`: unlike timerSystemIsActiveTimer, looks
+ * for the record in the system's own lists, under its mutex, so a timer
+ * that runs in another system answers false. A diagnostic check; any
+ * thread. */
 bool timerSystemIsTimerInList(TIMER_SYSTEM* ts, TIMERBUF* timer);
 
 /** The process's timer system (GLOB_DATA.Time). sys_initSystemTimer
  * remembers the record and leaves the timer stopped; sys_runTimerWheel
  * advances the wheel only while the system timer is started. */
 void sys_initSystemTimer(void);
+/** Starts the system timer: from now on sys_runTimerWheel advances the
+ * wheel. Does nothing before sys_initGlobalData has created the system.
+ * Any thread; the flag is atomic. */
 void sys_startSystemTimer(void);
+/** Stops the system timer: sys_runTimerWheel does nothing until it is
+ * started again, and running timers keep the ticks they have left. Does
+ * nothing before sys_initGlobalData. Any thread; the flag is atomic. */
 void sys_stopSystemTimer(void);
+/** timerSystemGetTicks of the process's system; 0 before sys_initGlobalData
+ * and after the FSM tasks have been shut down. */
 uint32_t sys_getTimerTicks(void);
+/** One tick of the process's system (timerSystemRunTimerWheel) when the
+ * system timer is started; otherwise, and before sys_initGlobalData, does
+ * nothing. Called by the tick source, or by the product's own tick driver;
+ * the expiry messages are sent on the calling thread. */
 void sys_runTimerWheel(void);
+/** timerSystemInitTimer: clears a timer; call once before first use. */
 void sys_initTimer(TIMERBUF* timer);
+/** timerSystemStartTimer on the process's system, with `owner` as the
+ * receiver of the expiry message. Asserts "timer system initialised" when
+ * called before sys_initGlobalData or after shutdown. */
 void sys_startTimer(TIMERBUF* timer, uint32_t interval, MSGNAME msg, FSMADDR owner, uintptr_t data);
+/** timerSystemStopTimer on the process's system; asserts "timer system
+ * initialised" like sys_startTimer. */
 void sys_stopTimer(TIMERBUF* timer);
+/** timerSystemListTimers of the process's system; asserts "timer system
+ * initialised" like sys_startTimer. */
 void sys_listTimers(std::ostream& os);
+/** timerSystemIsTimerInList on the process's system; asserts "timer system
+ * initialised" like sys_startTimer. */
 bool sys_isBufferInList(TIMERBUF* timer);
+/** timerSystemIsActiveTimer: true while the timer runs. Needs no timer
+ * system and takes no lock. */
 bool sys_isActiveTimer(TIMERBUF* timer);
 
+///@{
 /** The tick source: a KVOS task ("fsmTick") that calls sys_runTimerWheel
  * once every period_ms milliseconds, on absolute deadlines of the monotonic
  * clock: the count does not drift, and after a stall it catches up tick by
@@ -101,12 +138,15 @@ bool sys_isActiveTimer(TIMERBUF* timer);
  * it. */
 bool sys_startTickSource(unsigned period_ms);
 void sys_stopTickSource(void);
+///@}
 
+///@{
 /** Machine-level calls: the running machine is the owner; start and stop
  * are traced when the machine's trace flags ask for it. */
 void fsm_initTimer(PROC_DATA* proc, TIMERBUF* timer);
 void fsm_startTimer(PROC_DATA* proc, TIMERBUF* timer, uint32_t interval, MSGNAME msg, uintptr_t data);
 void fsm_stopTimer(PROC_DATA* proc, TIMERBUF* timer);
+///@}
 
 #pragma GCC visibility pop
 #endif
