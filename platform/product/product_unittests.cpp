@@ -4,6 +4,7 @@
  */
 #include "abstraction/unittests.h"
 #include "kvlog/unittests.h"
+#include "kvnet/unittests.h"
 #include "libkvc/unittests.h"
 #include "unittest/unittest.h"
 
@@ -15,4 +16,10 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_utf8", unittest_utf8, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_kvos_ptrq", unittest_kvos_ptrq, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_abstraction_makeconnection", unittest_abstraction_makeconnection,
+                           UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_abstraction_sockevents", unittest_abstraction_sockevents, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvnet_connected", unittest_kvnet_connected, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvnet_getsourceaddresstosendfrom", unittest_kvnet_getsourceaddresstosendfrom,
+                           UNITTEST_TYPE_FAST);
 }
