@@ -33,6 +33,8 @@
 #include <vector>
 
 #include "abstraction/kvos_socket.h"
+#include "abstraction/kvos_seams.h"
+#include "linux/kvos_os.h"
 #include "linux/kvos_sock_os.h"
 
 namespace {
@@ -240,7 +242,7 @@ KV_RET KVOS_sockEventsWait(KVOS_SOCK_EVENT_SET set, KVOS_SOCK_EVENT* events, int
     struct epoll_event ready[kBatch];
     kvos_sock::Deadline deadline(timeoutMs);
     for (;;) {
-        int n = epoll_wait(set->epfd, ready, std::min(max, kBatch), deadline.remainingMs());
+        int n = kvos_syscall_table.epollWait.load(std::memory_order_relaxed)(set->epfd, ready, std::min(max, kBatch), deadline.remainingMs());
         if (n < 0) {
             if (errno == EINTR) {
                 continue;

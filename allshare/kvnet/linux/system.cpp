@@ -54,9 +54,13 @@ KV_RET KVNET_readRoutes(NET_ADDR_TYPE family, KVNET_ROUTE* out, size_t max)
         errno = EINVAL;
         return KV_RET_ERROR;
     }
+    // /proc/net shows the namespace of the process's main thread; the
+    // calling thread's own view is under /proc/thread-self (Linux 3.17+).
+    std::string own = std::string("/proc/thread-self/net/") + (family == NET_ADDR_TYPE_IPV4 ? "route" : "ipv6_route");
     std::string text;
     try {
-        if (!readWhole(path, &text)) {
+        bool threadView = access("/proc/thread-self", F_OK) == 0;
+        if (!readWhole(threadView ? own.c_str() : path, &text)) {
             return KV_RET_ERROR;
         }
     } catch (const std::bad_alloc&) {

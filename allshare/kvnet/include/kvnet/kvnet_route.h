@@ -88,7 +88,9 @@ typedef struct KVNET_ROUTE {
 KV_RET KVNET_parseRoutes(NET_ADDR_TYPE family, const char* text, size_t len, KVNET_ROUTE* out, size_t max);
 
 /* KVNET_parseRoutes on the kernel's table of the family, read whole first.
- * KV_RET_ERROR with errno when it cannot be read (ENOENT: the family is not
+ * The table is read through /proc/thread-self/net/ where the kernel has it,
+ * so that it is the calling thread's namespace (see convention 3), and from
+ * the path above otherwise. KV_RET_ERROR with errno when it cannot be read (ENOENT: the family is not
  * enabled in the kernel). */
 KV_RET KVNET_readRoutes(NET_ADDR_TYPE family, KVNET_ROUTE* out, size_t max);
 
