@@ -211,16 +211,11 @@ bool parseZone(const char* p, const char* end, uint32_t* scope)
 bool parseV6Zoned(const char* p, const char* end, NET_ADDR* a)
 {
     const char* pct = static_cast<const char*>(memchr(p, '%', static_cast<size_t>(end - p)));
-    uint8_t octets[16];
-    if (!parseV6(p, pct ? pct : end, octets)) {
+    a->type_ = NET_ADDR_TYPE_IPV6;
+    if (!parseV6(p, pct ? pct : end, a->ipv6_.addr)) {
         return false;
     }
-    uint32_t scope = 0;
-    if (pct && (!zoneAllowed(octets) || !parseZone(pct + 1, end, &scope))) {
-        return false;
-    }
-    NET_ADDR_fromIPv6(a, octets, scope);
-    return true;
+    return pct == nullptr || (zoneAllowed(a->ipv6_.addr) && parseZone(pct + 1, end, &a->ipv6_.scope_id));
 }
 
 bool parsePort(const char* p, const char* end, NET_IP_PORT* port)
@@ -233,6 +228,7 @@ bool parsePort(const char* p, const char* end, NET_IP_PORT* port)
     return true;
 }
 
+/* Parses text into *a, which is the unset address on entry. */
 bool parse(NET_ADDR* a, const char* text)
 {
     const char* end = text + strlen(text);
@@ -252,28 +248,14 @@ bool parse(NET_ADDR* a, const char* text)
     const char* colon = static_cast<const char*>(memchr(text, ':', static_cast<size_t>(end - text)));
     if (colon == nullptr || memchr(colon + 1, ':', static_cast<size_t>(end - colon - 1)) != nullptr) {
         if (colon == nullptr) {
-            uint8_t o[4];
-            if (!parseV4(text, end, o)) {
-                return false;
-            }
-            NET_ADDR_init(a);
             a->type_ = NET_ADDR_TYPE_IPV4;
-            memcpy(&a->addr_, o, 4);
-            return true;
+            return parseV4(text, end, reinterpret_cast<uint8_t*>(&a->addr_));
         }
         return parseV6Zoned(text, end, a);
     }
     // One colon: IPv6 text always has at least two, so this is IPv4 and port.
-    uint8_t o[4];
-    NET_IP_PORT port;
-    if (!parseV4(text, colon, o) || !parsePort(colon + 1, end, &port)) {
-        return false;
-    }
-    NET_ADDR_init(a);
     a->type_ = NET_ADDR_TYPE_IPV4;
-    memcpy(&a->addr_, o, 4);
-    a->port_ = port;
-    return true;
+    return parseV4(text, colon, reinterpret_cast<uint8_t*>(&a->addr_)) && parsePort(colon + 1, end, &a->port_);
 }
 
 /* ---- printing ---- */
@@ -432,13 +414,11 @@ void NET_ADDR_init(NET_ADDR* a)
 bool NET_ADDR_fromString(NET_ADDR* a, const char* text)
 {
     assert(a != nullptr);
-    NET_ADDR parsed;
-    NET_ADDR_init(&parsed);
-    if (text == nullptr || !parse(&parsed, text)) {
-        NET_ADDR_init(a);
+    NET_ADDR_init(a);
+    if (text == nullptr || !parse(a, text)) {
+        NET_ADDR_init(a);  // a failed parse may have filled part of it
         return false;
     }
-    *a = parsed;
     return true;
 }
 
@@ -653,8 +633,9 @@ bool NET_ADDR_setProto(NET_ADDR* a, NET_PROTO proto)
     case NET_PROTO_RAW:
         a->proto_ = proto;
         return true;
+    default:
+        return false;
     }
-    return false;
 }
 
 uint32_t NET_ADDR_scopeId(const NET_ADDR* a)

@@ -16,6 +16,9 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_utf8", unittest_utf8, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_mutex", unittest_mutex, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_kvos_ptrq", unittest_kvos_ptrq, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_NetAddr_core", unittest_NetAddr_core, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_NetAddrTab", unittest_NetAddrTab, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_abstraction_sockopts", unittest_abstraction_sockopts, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_abstraction_makeconnection", unittest_abstraction_makeconnection,
                            UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_abstraction_sockevents", unittest_abstraction_sockevents, UNITTEST_TYPE_FAST);

@@ -31,17 +31,23 @@
 extern "C" {
 #endif
 
+/* Both enumerations end in a bound that is not a value: it makes every
+ * 32-bit value a valid one of the type, so that a record filled by hand with
+ * an unknown value is an ordinary input (the functions below answer it as
+ * documented) rather than undefined behaviour. */
 typedef enum NET_ADDR_TYPE {
     NET_ADDR_TYPE_UNDEF = -1,
     NET_ADDR_TYPE_IPV4 = 0,
-    NET_ADDR_TYPE_IPV6 = 1
+    NET_ADDR_TYPE_IPV6 = 1,
+    NET_ADDR_TYPE_BOUND_ = 0x7fffffff
 } NET_ADDR_TYPE;
 
 typedef enum NET_PROTO {
     NET_PROTO_UNDEF = -1,
     NET_PROTO_TCP = 0,
     NET_PROTO_UDP = 1,
-    NET_PROTO_RAW = 2
+    NET_PROTO_RAW = 2,
+    NET_PROTO_BOUND_ = 0x7fffffff
 } NET_PROTO;
 
 /* A port in host byte order, 0..65535, or NET_IP_PORT_UNDEF for none. */
@@ -108,7 +114,7 @@ int NET_ADDR_toString(const NET_ADDR* a, char* buf, size_t len);
  * Both leave the port undefined and the protocol undefined. */
 void NET_ADDR_fromIPv4(NET_ADDR* a, uint32_t hostOrder);
 void NET_ADDR_fromIPv6(NET_ADDR* a, const uint8_t octets[16], uint32_t scopeId);
-/* The unspecified (0.0.0.0, ::) or loopback (127.0.0.1, ::1) address of a
+/* The "any" address (0.0.0.0, ::) or the loopback (127.0.0.1, ::1) address of a
  * family; false and *a unset for NET_ADDR_TYPE_UNDEF or another value. */
 bool NET_ADDR_setAny(NET_ADDR* a, NET_ADDR_TYPE type);
 bool NET_ADDR_setLoopback(NET_ADDR* a, NET_ADDR_TYPE type);

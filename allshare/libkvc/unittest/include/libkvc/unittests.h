@@ -5,5 +5,7 @@
 void unittest_dlist(void);
 void unittest_strutil(void);
 void unittest_utf8(void);
+void unittest_NetAddr_core(void);
+void unittest_NetAddrTab(void);
 
 #endif
