@@ -343,7 +343,13 @@ KV_RET KVOS_sockConnect(KVNET_SOCK_ID sock, const NET_ADDR* dest, int timeoutMs)
     if (!KV_RET_IS_OK(waited)) {
         return waited;
     }
-    return KVOS_sockConnectResult(sock);
+    // Writable means the attempt is over: SO_ERROR alone tells how.
+    int err = 0;
+    socklen_t errLen = sizeof(err);
+    if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &err, &errLen) != 0) {
+        return KV_RET_ERROR;
+    }
+    return err == 0 ? KV_RET_OK : resultOf(err);
 }
 
 KV_RET KVOS_sockSend(KVNET_SOCK_ID sock, const void* buf, size_t len, int timeoutMs, size_t* sent)
