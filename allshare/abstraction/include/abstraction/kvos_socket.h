@@ -10,7 +10,8 @@
  *  2. Results are KV_RET: 0 or a positive count for success, KV_RET_TIMEOUT
  *     when the time ran out, KV_RET_ERROR or one of the KVOS_SOCK_* codes
  *     below for a failure. On every failure the reason is left in the
- *     calling thread's errno, so KVOS_lastError() gives its text.
+ *     calling thread's errno, so KVOS_lastError() gives its text (once
+ *     KVOS_init has registered the system's error texts).
  *  3. Interrupted system calls are resumed with the time that is left; a
  *     signal never ends a wait early.
  *  4. A null pointer where a record is required is a failure with errno
