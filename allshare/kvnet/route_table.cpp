@@ -122,10 +122,17 @@ bool parseHex128(string_view s, uint8_t out[16])
     return true;
 }
 
+/* An interface name as the kernel allows it: 1 to 15 printable characters,
+ * no '/' (a NUL or a control byte means the text is not a routing table). */
 bool copyName(string_view s, char out[KVNET_IFNAMSIZ])
 {
     if (s.empty() || s.size() >= KVNET_IFNAMSIZ) {
         return false;
+    }
+    for (char c : s) {
+        if (static_cast<unsigned char>(c) <= ' ' || c == 0x7f || c == '/') {
+            return false;
+        }
     }
     memcpy(out, s.data(), s.size());
     out[s.size()] = '\0';

@@ -72,8 +72,13 @@ TEST(ParseRoutes, IPv4MalformedRowsAreSkippedAlone)
         "eth0\t0002000A\t00000000\t0001\t0\t0\t-1\t00FFFFFF\t0\t0\t0\n",       // negative metric
         "eth0\t0002000A\t00000000\t0001\t0\t0\t4294967296\t00FFFFFF\t0\t0\t0\n", // above 32 bits
         "\n",
+        "et/h0\t0002000A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",       // '/' in a name
+        "et\x01h0\t0002000A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",    // control byte
     };
-    for (const char* row : bad) {
+    std::vector<std::string> rowsBad(std::begin(bad), std::end(bad));
+    // A NUL inside a name: the row would otherwise give an empty name.
+    rowsBad.push_back(std::string("\0eth0\t0002000A\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n", 50));
+    for (const std::string& row : rowsBad) {
         SCOPED_TRACE(row);
         auto rows = parse(NET_ADDR_TYPE_IPV4, std::string(kHeading4) + row + good);
         ASSERT_EQ(rows.size(), 1u);

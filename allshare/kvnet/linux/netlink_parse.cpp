@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <libmnl/libmnl.h>
@@ -25,6 +26,29 @@ int fail()
 {
     errno = EPROTO;
     return MNL_CB_ERROR;
+}
+
+/* Whether the attributes after `offset` fill the message exactly. libmnl's
+ * walk simply stops at an attribute that does not fit, so a cut or
+ * overlong attribute would otherwise go unnoticed and the answer would be
+ * read as if the attribute had never been sent. */
+bool attributesFit(const struct nlmsghdr* nlh, size_t offset)
+{
+    const auto* base = reinterpret_cast<const uint8_t*>(nlh);
+    size_t at = MNL_ALIGN(sizeof(struct nlmsghdr)) + MNL_ALIGN(offset);
+    size_t end = nlh->nlmsg_len;
+    while (at < end) {
+        if (end - at < sizeof(struct nlattr)) {
+            return false;
+        }
+        struct nlattr attr;
+        memcpy(&attr, base + at, sizeof(attr));
+        if (attr.nla_len < sizeof(struct nlattr) || attr.nla_len > end - at) {
+            return false;
+        }
+        at += MNL_ALIGN(attr.nla_len);
+    }
+    return true;
 }
 
 /* Attributes of one route message that the answer needs, checked. */
@@ -87,6 +111,9 @@ int routeMessage(const struct nlmsghdr* nlh, void* data)
     }
     RouteAttrs attrs;
     attrs.addrLen = addressLength(ctx->family);
+    if (!attributesFit(nlh, sizeof(struct rtmsg))) {
+        return fail();
+    }
     if (mnl_attr_parse(nlh, sizeof(struct rtmsg), routeAttr, &attrs) != MNL_CB_OK) {
         return MNL_CB_ERROR;
     }
@@ -145,6 +172,9 @@ int addressMessage(const struct nlmsghdr* nlh, void* data)
     }
     AddrAttrs attrs;
     attrs.addrLen = addrLen;
+    if (!attributesFit(nlh, sizeof(struct ifaddrmsg))) {
+        return fail();
+    }
     if (mnl_attr_parse(nlh, sizeof(struct ifaddrmsg), addressAttr, &attrs) != MNL_CB_OK) {
         return MNL_CB_ERROR;
     }
@@ -187,16 +217,50 @@ int addressMessage(const struct nlmsghdr* nlh, void* data)
     return MNL_CB_OK;
 }
 
+/* Checks the framing of every message before libmnl walks the buffer:
+ * libmnl compares a message's length with what is left as signed numbers,
+ * so a length of 2^31 or more would pass its check and send it (and the
+ * attribute parser) far outside the buffer. Each length must be at least a
+ * header and, rounded up to the alignment, at most what is left. */
+bool framingOk(const void* buf, size_t len)
+{
+    if (len > static_cast<size_t>(INT32_MAX)) {
+        return false;
+    }
+    const auto* p = static_cast<const uint8_t*>(buf);
+    size_t at = 0;
+    while (len - at >= sizeof(struct nlmsghdr)) {
+        uint32_t msgLen;
+        memcpy(&msgLen, p + at, sizeof(msgLen));
+        // The aligned length must fit too: libmnl reads attributes up to it.
+        size_t step = NLMSG_ALIGN(static_cast<size_t>(msgLen));
+        if (msgLen < sizeof(struct nlmsghdr) || step > len - at) {
+            return false;
+        }
+        if (step >= len - at) {
+            break;
+        }
+        at += step;
+    }
+    return true;
+}
+
 }  // namespace
 
 int parseRouteReply(const void* buf, size_t len, uint32_t seq, uint32_t portid, int family, RouteAnswer* out)
 {
+    if (!framingOk(buf, len)) {
+        return fail();
+    }
     RouteContext ctx{family, out};
     return mnl_cb_run(buf, len, seq, portid, routeMessage, &ctx);
 }
 
 int parseAddressReply(const void* buf, size_t len, uint32_t seq, uint32_t portid, AddressCollector* out)
 {
+    if (!framingOk(buf, len)) {
+        return fail();
+    }
     return mnl_cb_run(buf, len, seq, portid, addressMessage, out);
 }
 
