@@ -109,22 +109,29 @@ TEST(NetlinkReply, HostileFramingIsRefused)
     }
 }
 
-TEST(NetlinkReply, AddressDumpHostileLengthIsRefused)
+TEST(NetlinkReply, AddressDumpHostileLengthsAreRefused)
 {
-    alignas(struct nlmsghdr) uint8_t buf[64] = {};
-    struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
-    nlh->nlmsg_type = RTM_NEWADDR;
-    mnl_nlmsg_put_extra_header(nlh, sizeof(struct ifaddrmsg));
-    nlh->nlmsg_len = 0xFFFFFFF0u;
-    NET_ADDR_TAB tab;
-    NET_ADDR_TAB_init(&tab, 0);
-    kvnet_nl::AddressCollector c;
-    c.ifIndex = 1;
-    c.family = AF_UNSPEC;
-    c.tab = &tab;
-    EXPECT_EQ(kvnet_nl::parseAddressReply(buf, sizeof(buf), 0, 0, &c), MNL_CB_ERROR);
-    EXPECT_EQ(c.added, 0);
-    NET_ADDR_TAB_destroy(&tab);
+    // 0xFFFFFFF0 passes libmnl's signed check; 0xFFFFFFFE rounds up to 0
+    // with a 32-bit alignment mask and would make a framing walk spin.
+    for (uint32_t bad : {0xFFFFFFF0u, 0xFFFFFFFEu, 0x80000000u, 8u, 36u}) {
+        SCOPED_TRACE(bad);
+        alignas(struct nlmsghdr) uint8_t buf[64] = {};
+        struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
+        nlh->nlmsg_type = RTM_NEWADDR;
+        mnl_nlmsg_put_extra_header(nlh, sizeof(struct ifaddrmsg));
+        nlh->nlmsg_len = 32; // a well-framed first message, then the bad one
+        struct nlmsghdr* second = reinterpret_cast<struct nlmsghdr*>(buf + 32);
+        second->nlmsg_len = bad;
+        NET_ADDR_TAB tab;
+        NET_ADDR_TAB_init(&tab, 0);
+        kvnet_nl::AddressCollector c;
+        c.ifIndex = 1;
+        c.family = AF_UNSPEC;
+        c.tab = &tab;
+        EXPECT_EQ(kvnet_nl::parseAddressReply(buf, sizeof(buf), 0, 0, &c), MNL_CB_ERROR);
+        EXPECT_EQ(c.added, 0);
+        NET_ADDR_TAB_destroy(&tab);
+    }
 }
 
 }  // namespace

@@ -22,6 +22,11 @@ size_t addressLength(int family)
     return family == AF_INET ? 4 : family == AF_INET6 ? 16 : 0;
 }
 
+size_t align4(size_t n)
+{
+    return (n + 3) & ~static_cast<size_t>(3);
+}
+
 int fail()
 {
     errno = EPROTO;
@@ -46,7 +51,7 @@ bool attributesFit(const struct nlmsghdr* nlh, size_t offset)
         if (attr.nla_len < sizeof(struct nlattr) || attr.nla_len > end - at) {
             return false;
         }
-        at += MNL_ALIGN(attr.nla_len);
+        at += align4(attr.nla_len);
     }
     return true;
 }
@@ -233,7 +238,8 @@ bool framingOk(const void* buf, size_t len)
         uint32_t msgLen;
         memcpy(&msgLen, p + at, sizeof(msgLen));
         // The aligned length must fit too: libmnl reads attributes up to it.
-        size_t step = NLMSG_ALIGN(static_cast<size_t>(msgLen));
+        // (Not NLMSG_ALIGN: its 32-bit mask turns 0xFFFFFFFE into a step of 0.)
+        size_t step = align4(msgLen);
         if (msgLen < sizeof(struct nlmsghdr) || step > len - at) {
             return false;
         }
