@@ -24,6 +24,12 @@ void product_unittest_register_tests(void)
     unittest_register_test("unittest_abstraction_sockopts", unittest_abstraction_sockopts, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_fsm", unittest_fsm, UNITTEST_TYPE_FAST);
     unittest_register_test("unittest_profiling", unittest_profiling, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_abstraction_makeconnection", unittest_abstraction_makeconnection,
+                           UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_abstraction_sockevents", unittest_abstraction_sockevents, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvnet_connected", unittest_kvnet_connected, UNITTEST_TYPE_FAST);
+    unittest_register_test("unittest_kvnet_getsourceaddresstosendfrom", unittest_kvnet_getsourceaddresstosendfrom,
+                           UNITTEST_TYPE_FAST);
 }
 
 namespace {

@@ -9,6 +9,7 @@
 #include <semaphore.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -21,7 +22,8 @@
 /* Constant-initialised, so the hot paths read it without a guard. */
 KVOS_SYSCALLS kvos_syscall_table{{sem_wait},           {sem_timedwait},     {sem_trywait},
                                  {sem_getvalue},       {pthread_mutex_lock}, {pthread_cond_wait},
-                                 {pthread_cond_timedwait}, {pthread_create},  {malloc}};
+                                 {pthread_cond_timedwait}, {pthread_create},  {malloc},
+                                 {epoll_wait}};
 
 KVOS_SYSCALLS& kvos_syscalls()
 {

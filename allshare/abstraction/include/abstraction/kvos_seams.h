@@ -1,8 +1,10 @@
 /*
  * Seams in front of the few system calls that a test cannot make fail on
  * demand with real objects: the waits and reads of a glibc semaphore, the
- * lock and waits of a pointer queue, the thread creation and the allocation
- * of a task's creation context.
+ * lock and waits of a pointer queue, the thread creation, the allocation
+ * of a task's creation context, and the epoll wait of a socket event set
+ * (so that a test can act in the window between the kernel's answer and
+ * the set's own bookkeeping).
  *
  * Production code never changes them. A test installs a replacement that
  * fails for its own object and passes every other call through to the
@@ -16,6 +18,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <stddef.h>
+#include <sys/epoll.h>
 #include <time.h>
 
 #include <atomic>
@@ -30,6 +33,7 @@ struct KVOS_SYSCALLS {
     std::atomic<int (*)(pthread_cond_t*, pthread_mutex_t*, const struct timespec*)> condTimedWait;
     std::atomic<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> threadCreate;
     std::atomic<void* (*)(size_t)> contextAlloc;
+    std::atomic<int (*)(int, struct epoll_event*, int, int)> epollWait;
 };
 
 KVOS_SYSCALLS& kvos_syscalls();

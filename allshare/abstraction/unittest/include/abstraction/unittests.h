@@ -4,5 +4,7 @@
 
 void unittest_mutex(void);
 void unittest_kvos_ptrq(void);
+void unittest_abstraction_makeconnection(void);
+void unittest_abstraction_sockevents(void);
 
 #endif

@@ -3,5 +3,7 @@
 #define KVNET_UNITTESTS_H
 
 void unittest_abstraction_sockopts(void);
+void unittest_kvnet_connected(void);
+void unittest_kvnet_getsourceaddresstosendfrom(void);
 
 #endif
