@@ -85,7 +85,10 @@ namespace {
 
 /* Bytes of small inaccessible mappings (guard pages), and stack-shaped
  * regions: anonymous read-write mappings of at most 2 MiB right between
- * two inaccessible ones. */
+ * two small inaccessible ones. Both fences must be small: a malloc arena
+ * is a read-write head followed by the large inaccessible rest of its
+ * 64 MiB reservation, and more arenas appear whenever more threads happen
+ * to allocate at once. */
 struct StackMappings {
     size_t guardBytes = 0, fenced = 0;
 };
@@ -110,9 +113,9 @@ StackMappings stackMappings()
         if (all[i].none && size <= (1u << 20)) {
             out.guardBytes += size;
         }
-        out.fenced += i > 0 && i + 1 < all.size() && all[i].anonRw &&
-                      size <= (2u << 20) && all[i - 1].none &&
-                      all[i - 1].end == all[i].start && all[i + 1].none && all[i + 1].start == all[i].end;
+        auto smallGuard = [&](size_t k) { return all[k].none && all[k].end - all[k].start <= (1u << 20); };
+        out.fenced += i > 0 && i + 1 < all.size() && all[i].anonRw && size <= (2u << 20) && smallGuard(i - 1) &&
+                      all[i - 1].end == all[i].start && smallGuard(i + 1) && all[i + 1].start == all[i].end;
     }
     return out;
 }
