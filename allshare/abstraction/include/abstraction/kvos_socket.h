@@ -92,16 +92,20 @@ KV_RET KVOS_sockSend(KVNET_SOCK_ID sock, const void* buf, size_t len, int timeou
  * KV_RET_TIMEOUT; KVOS_SOCK_RESET; KV_RET_ERROR. len is at most INT32_MAX. */
 KV_RET KVOS_sockRecv(KVNET_SOCK_ID sock, void* buf, size_t len, int timeoutMs);
 
+///@{
 /** One datagram to `to` / from anyone, with the sender's address in *from
  * when from is not null. Results as KVOS_sockSend and KVOS_sockRecv; a
  * datagram longer than len is cut to len and the call still succeeds. */
 KV_RET KVOS_sockSendTo(KVNET_SOCK_ID sock, const void* buf, size_t len, const NET_ADDR* to, int timeoutMs);
 KV_RET KVOS_sockRecvFrom(KVNET_SOCK_ID sock, void* buf, size_t len, NET_ADDR* from, int timeoutMs);
+///@}
 
+///@{
 /** The local / peer address of a socket. KV_RET_OK or KV_RET_ERROR (ENOTCONN
  * for the peer of an unconnected socket; EAFNOSUPPORT for a non-IP socket). */
 KV_RET KVOS_sockLocalAddress(KVNET_SOCK_ID sock, NET_ADDR* local);
 KV_RET KVOS_sockPeerAddress(KVNET_SOCK_ID sock, NET_ADDR* peer);
+///@}
 
 /** Ends the sending side (the peer then reads 0 bytes); the socket stays open
  * for receiving. KV_RET_OK or KV_RET_ERROR. */
