@@ -15,6 +15,9 @@
 #include <atomic>
 #include <string>
 
+#include "abstraction/kvos.h"
+#include "abstraction/kvos_ptrq.h"
+
 struct KVOS_SYSCALLS;
 /* The seams (abstraction/kvos_seams.h), for the library's own hot paths. */
 extern KVOS_SYSCALLS kvos_syscall_table;
@@ -89,7 +92,29 @@ void setThreadName(pthread_t tid, const char* name);
  * for it (nice value or real-time priority) of a kernel thread id. */
 void threadPolicy(int lwp, const char** text, int* priority);
 
+/* The texts of the per-thread error record: handlers in a singly linked
+ * list, newest first, looked up by KVOS_lastError. addErrnoHandler puts h
+ * at the head; its caller serialises the additions ("KVOSmutex"). The list
+ * is read without a lock: handlers are registered at start-up, before
+ * other threads look them up. */
+struct ErrnoHandler {
+    KVOS_ERR_ORIGIN origin;
+    KVOS_ERRNO_TEXT_FUNC text;
+    ErrnoHandler* next;
+};
+void addErrnoHandler(ErrnoHandler* h);
+
+/* The queue in registry slot `slot` (0 to KVOS_PTRQ_REGISTRY_SIZE - 1),
+ * or null when the slot is free. */
+const ptrqueue_t* ptrqRegistered(int slot);
+
 }  // namespace kvos_os
+
+/* Pointer-queue registry, filled by ptrqueue_create and cleared by
+ * ptrqueue_destroy: the first free slot gets q (nothing when all are
+ * taken); unregistering clears q's slot if it has one. */
+void kvos_ptrq_register(ptrqueue_t* q);
+void kvos_ptrq_unregister(ptrqueue_t* q);
 
 /* Starts the tick clock (a step of KVOS_init). */
 void kvos_time_start(void);
