@@ -1,12 +1,12 @@
 /*
- * Linux half of KVOS tasks: stacks with guard pages, thread creation with
- * the scheduling mapping, the thread wrapper, the per-thread exit handler,
- * cancel-all, and the system side of the reaper (its thread, its queue's
- * handle, joining). The reaper's loop and the task list are in the
+ * Linux half of KVOS tasks: task stacks and their cache, thread creation
+ * with the scheduling mapping, the thread wrapper, the per-thread exit
+ * handler, cancel-all, and the system side of the reaper (its thread, its
+ * queue's handle, joining). The reaper's loop and the task list are in the
  * portable half (kvos_task.cpp, kvos_tasklist.cpp).
  *
- * Stacks are anonymous mappings of the usable size plus one guard page on
- * each side, so releasing one gives its memory back to the system at once.
+ * Stacks are the guarded mappings of stack.cpp (one guard page on each
+ * side; releasing one gives its memory back to the system at once).
  * glibc keeps the thread's control block and static thread-local storage at
  * the top of a caller-supplied stack. A task's stack is therefore mapped
  * larger than asked by that block (measured once, on a probe thread), so
@@ -44,7 +44,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -167,12 +166,6 @@ std::vector<void*> gAbandoned;
 void ensureExitKey()
 {
     std::call_once(exitKeyOnce, [] { pthread_key_create(&exitHandlerKey, nullptr); });
-}
-
-size_t roundToPages(size_t size)
-{
-    size_t p = get_pagesize();
-    return size == 0 ? p : (size + p - 1) / p * p;
 }
 
 /* Bytes at the top of a caller-supplied stack that a thread uses before
@@ -498,60 +491,6 @@ void* pthread_wrapper(void* p)
 }
 
 }  // namespace
-
-size_t get_pagesize(void)
-{
-    static const size_t pagesize = [] {
-        long p = sysconf(_SC_PAGESIZE);
-        if (p == -1) {
-            KVLOG_ERROR(kvos_logger(), kvp("Detail", "Call to sysconf(_SC_PAGESIZE) failed. Setting pagesize to 4k."));
-            return static_cast<size_t>(4096);
-        }
-        return static_cast<size_t>(p);
-    }();
-    return pagesize;
-}
-
-void* allocate_stack(size_t size)
-{
-    size_t p = get_pagesize();
-    size_t usable = roundToPages(size);
-    if (usable < size || usable > SIZE_MAX - 2 * p) {
-        errno = ENOMEM;
-        KVLOG_ERROR(kvos_logger(), kvp("Detail", "Allocation of stack failed"));
-        errno = ENOMEM;
-        return nullptr;
-    }
-    void* block = mmap(nullptr, usable + 2 * p, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
-                       -1, 0);
-    if (block == MAP_FAILED) {
-        int err = errno;
-        KVLOG_ERROR(kvos_logger(), kvp("Detail", "Allocation of stack failed"));
-        errno = err;
-        return nullptr;
-    }
-    auto* base = static_cast<char*>(block);
-    mprotect(base, p, PROT_NONE);
-    mprotect(base + p + usable, p, PROT_NONE);
-    auto* word = reinterpret_cast<uint32_t*>(base + p);
-    for (size_t i = 0; i < usable / sizeof(uint32_t); ++i) {
-        word[i] = KVOS_STACK_MARKER;
-    }
-    return base + p;
-}
-
-void deallocate_stack(void* stack, size_t size)
-{
-    if (stack == nullptr) {
-        return;
-    }
-    size_t p = get_pagesize();
-    size_t usable = roundToPages(size);
-    auto* base = static_cast<char*>(stack) - p;
-    mprotect(base, p, PROT_READ | PROT_WRITE);
-    mprotect(base + p + usable, p, PROT_READ | PROT_WRITE);
-    munmap(base, usable + 2 * p);
-}
 
 KVOS_TASK_ID KVOS_taskCreate(KVOS_TASK_ENTRY entry, void* arg, KVOS_TASK_ATTR* attr)
 {
