@@ -1,12 +1,11 @@
 /*
- * OS-independent part of KVOS's process-wide services: the pluggable texts
- * of the per-thread error record (the record itself is the thread's errno,
- * in the Linux half), the configuration record, the path map and directory
+ * OS-independent part of KVOS's process-wide services: the registration of
+ * the pluggable texts of the per-thread error record (the record, the list
+ * of handlers and its look-up are in the Linux half, below everything that
+ * reports an error), the configuration record, the path map and directory
  * creation.
  *
- * Errno handlers form a singly linked list, newest first, changed under
- * "KVOSmutex" and read without it: handlers are registered at start-up,
- * before other threads look them up.
+ * Handlers are added under "KVOSmutex".
  */
 #include <errno.h>
 #include <stdio.h>
@@ -25,13 +24,6 @@
 
 namespace {
 
-struct ErrnoHandler {
-    KVOS_ERR_ORIGIN origin;
-    KVOS_ERRNO_TEXT_FUNC text;
-    ErrnoHandler* next;
-};
-
-std::atomic<ErrnoHandler*> gHandlers{nullptr};
 KVOS_MUTEX gKvosMutex{nullptr};
 std::once_flag gCommonOnce;
 
@@ -49,7 +41,7 @@ void kvos_common_init(void)
 
 void KVOS_registerErrnoHandler(KVOS_ERR_ORIGIN origin, KVOS_ERRNO_TEXT_FUNC fn)
 {
-    auto* h = static_cast<ErrnoHandler*>(malloc(sizeof(ErrnoHandler)));
+    auto* h = static_cast<kvos_os::ErrnoHandler*>(malloc(sizeof(kvos_os::ErrnoHandler)));
     if (h == nullptr) {
         fputs("KVOS_registerErrnoHandler(): malloc failed!\n", stderr);
         return;
@@ -58,23 +50,8 @@ void KVOS_registerErrnoHandler(KVOS_ERR_ORIGIN origin, KVOS_ERRNO_TEXT_FUNC fn)
     h->origin = origin;
     h->text = fn;
     KVOS_mutexLock(&gKvosMutex);
-    h->next = gHandlers.load();
-    gHandlers.store(h);
+    kvos_os::addErrnoHandler(h);
     KVOS_mutexUnlock(&gKvosMutex);
-}
-
-std::string KVOS_lastError(void)
-{
-    int err = errno;  // read first: looking up the handler must not change it
-    KVOS_ERR_ORIGIN origin = KVOS_getErrnoOrigin();
-    for (ErrnoHandler* h = gHandlers.load(); h; h = h->next) {
-        if (h->origin == origin) {
-            std::string text = h->text(err);
-            errno = err;
-            return text;
-        }
-    }
-    return "Unclaimed error";
 }
 
 void KVOS_cfgInit(_kvos_cfg* cfg)

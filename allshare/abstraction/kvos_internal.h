@@ -7,15 +7,8 @@
 #define ABSTRACTION_KVOS_INTERNAL_H
 
 #include "abstraction/kvmisc.h"
-#include "abstraction/kvos_ptrq.h"
 
 /* Creates "KVOSmutex" (once). */
 void kvos_common_init(void);
-
-/* Pointer-queue registry: the first free slot gets q (nothing when all 100
- * are taken); release clears q's slot if it has one. */
-void kvos_ptrq_register(ptrqueue_t* q);
-void kvos_ptrq_unregister(ptrqueue_t* q);
-
 
 #endif

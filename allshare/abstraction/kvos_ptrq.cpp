@@ -1,24 +1,16 @@
 /*
- * The KVOS layer over pointer queues, and the registry of queues that the
- * dump lists.
- *
- * The registry's slots are atomics: queues are created and destroyed at
- * set-up and tear-down, but a dump or a creation may still run on another
- * thread, and claiming a slot with a compare-and-swap keeps two creations
- * from taking the same one.
+ * The KVOS layer over pointer queues, and the dump of the queues in the
+ * registry (the registry itself is kept by the Linux half, which fills it
+ * as queues are created and destroyed).
  */
 #include <stdarg.h>
 #include <stdio.h>
 
-#include <atomic>
-
 #include "abstraction/kvos_ptrq.h"
-#include "kvos_internal.h"
-#include "kvos_log.h"
+#include "linux/kvos_log.h"
+#include "linux/kvos_os.h"
 
 namespace {
-
-std::atomic<ptrqueue_t*> sPtrqArray[KVOS_PTRQ_REGISTRY_SIZE];
 
 inline uint32_t statLoad(const uint32_t& field)
 {
@@ -42,41 +34,11 @@ void emit(KVOS_PTRQ_OUT_FUNC out, int arg, const char* fmt, ...)
 
 }  // namespace
 
-void kvos_ptrq_register(ptrqueue_t* q)
-{
-    for (auto& slot : sPtrqArray) {
-        ptrqueue_t* expected = nullptr;
-        if (slot.compare_exchange_strong(expected, q)) {
-            return;
-        }
-    }
-}
-
-void kvos_ptrq_unregister(ptrqueue_t* q)
-{
-    for (auto& slot : sPtrqArray) {
-        ptrqueue_t* expected = q;
-        if (slot.compare_exchange_strong(expected, nullptr)) {
-            return;
-        }
-    }
-}
-
-int kvos_ptrq_registry_slot(const ptrqueue_t* q)
-{
-    for (int i = 0; i < KVOS_PTRQ_REGISTRY_SIZE; ++i) {
-        if (sPtrqArray[i].load() == q) {
-            return i;
-        }
-    }
-    return -1;
-}
-
 void ptrqueue_dump(KVOS_PTRQ_OUT_FUNC out, int arg)
 {
     emit(out, arg, "%-12s%-10s%-10s%-10s%-10s%-10s\n", "Name", "Max", "Curr", "Tot", "QFull", "Watermark");
-    for (auto& slot : sPtrqArray) {
-        const ptrqueue_t* q = slot.load();
+    for (int slot = 0; slot < KVOS_PTRQ_REGISTRY_SIZE; ++slot) {
+        const ptrqueue_t* q = kvos_os::ptrqRegistered(slot);
         if (q == nullptr) {
             continue;
         }

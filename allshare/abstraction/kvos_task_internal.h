@@ -1,8 +1,9 @@
 /*
- * What the task list and the Linux task half share beyond the public
- * interface: safe access to listed threads for the calls that signal them,
- * and the release of a task's stacks, which the task half owns (it knows
- * how they were mapped and may keep them for the next task).
+ * What the task list offers the rest of the portable half beyond the
+ * public interface: the reaper's listing of a task that has named itself,
+ * and safe access to listed threads for the calls that signal them. (The
+ * release of a task's stacks, which the Linux half owns, is declared in
+ * linux/kvos_os.h.)
  */
 #ifndef ABSTRACTION_KVOS_TASK_INTERNAL_H
 #define ABSTRACTION_KVOS_TASK_INTERNAL_H
@@ -28,9 +29,5 @@ std::vector<TaskRef> kvos_taskListSnapshot(void);
 /* Runs fn(ref.tid) under "taskListLock" if ref is still listed; answers
  * whether it ran. A listed thread has not been released by the reaper. */
 bool kvos_taskListWithListed(const TaskRef& ref, bool (*fn)(KVOS_TASK_ID));
-
-/* Releases the stacks of an unlisted task (task half). */
-void kvos_task_release_stack(void* stack, size_t stackSize);
-void kvos_task_release_signal_stack(void* stack, size_t size);
 
 #endif

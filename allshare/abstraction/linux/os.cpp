@@ -1,6 +1,6 @@
 /*
- * Linux half of the per-thread error record, mutexes, semaphores, thread
- * and process queries, and the system-call seams (see
+ * Linux half of the per-thread error record and its texts, mutexes,
+ * semaphores, thread and process queries, and the system-call seams (see
  * abstraction/kvos_seams.h).
  */
 #include <errno.h>
@@ -15,6 +15,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "abstraction/kvos.h"
 #include "abstraction/kvos_seams.h"
 #include "linux/kvos_os.h"
@@ -24,6 +26,12 @@ KVOS_SYSCALLS kvos_syscall_table{{sem_wait},           {sem_timedwait},     {sem
                                  {sem_getvalue},       {pthread_mutex_lock}, {pthread_cond_wait},
                                  {pthread_cond_timedwait}, {pthread_create},  {malloc},
                                  {epoll_wait}};
+
+namespace {
+
+std::atomic<kvos_os::ErrnoHandler*> gHandlers{nullptr};
+
+}  // namespace
 
 KVOS_SYSCALLS& kvos_syscalls()
 {
@@ -46,7 +54,27 @@ KVOS_ERR_ORIGIN KVOS_getErrnoOrigin(void)
     return KVOS_ERR_ORIGIN_LINUX;
 }
 
+std::string KVOS_lastError(void)
+{
+    int err = errno;  // read first: looking up the handler must not change it
+    KVOS_ERR_ORIGIN origin = KVOS_getErrnoOrigin();
+    for (kvos_os::ErrnoHandler* h = gHandlers.load(); h; h = h->next) {
+        if (h->origin == origin) {
+            std::string text = h->text(err);
+            errno = err;
+            return text;
+        }
+    }
+    return "Unclaimed error";
+}
+
 namespace kvos_os {
+
+void addErrnoHandler(ErrnoHandler* h)
+{
+    h->next = gHandlers.load();
+    gHandlers.store(h);
+}
 
 bool isRoot()
 {

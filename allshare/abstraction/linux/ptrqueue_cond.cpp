@@ -52,8 +52,7 @@
 #include "abstraction/kvos.h"
 #include "abstraction/kvos_ptrq.h"
 #include "abstraction/kvos_seams.h"
-#include "kvos_internal.h"
-#include "kvos_log.h"
+#include "linux/kvos_log.h"
 #include "linux/kvos_os.h"
 
 namespace {

@@ -1,10 +1,12 @@
 /*
- * Linux half of KVOS tasks: stacks with guard pages, thread creation with
- * the scheduling mapping, the thread wrapper, the reaper and the per-thread
- * exit handler.
+ * Linux half of KVOS tasks: task stacks and their cache, thread creation
+ * with the scheduling mapping, the thread wrapper, the per-thread exit
+ * handler, cancel-all, and the system side of the reaper (its thread, its
+ * queue's handle, joining). The reaper's loop and the task list are in the
+ * portable half (kvos_task.cpp, kvos_tasklist.cpp).
  *
- * Stacks are anonymous mappings of the usable size plus one guard page on
- * each side, so releasing one gives its memory back to the system at once.
+ * Stacks are the guarded mappings of stack.cpp (one guard page on each
+ * side; releasing one gives its memory back to the system at once).
  * glibc keeps the thread's control block and static thread-local storage at
  * the top of a caller-supplied stack. A task's stack is therefore mapped
  * larger than asked by that block (measured once, on a probe thread), so
@@ -42,7 +44,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -56,8 +57,7 @@
 #include "abstraction/kvos_seams.h"
 #include "abstraction/kvos_task.h"
 #include "kvlog/kvlog_assert.h"
-#include "kvos_log.h"
-#include "kvos_task_internal.h"
+#include "linux/kvos_log.h"
 #include "linux/kvos_os.h"
 
 namespace {
@@ -76,7 +76,6 @@ struct ExitHandler {
 };
 
 KVOS_PTRQ_ID threadReaperQueue = KVOS_NO_PTRQ_ID;
-pthread_t threadReaper;
 pthread_key_t exitHandlerKey;
 std::once_flag exitKeyOnce;
 
@@ -167,12 +166,6 @@ std::vector<void*> gAbandoned;
 void ensureExitKey()
 {
     std::call_once(exitKeyOnce, [] { pthread_key_create(&exitHandlerKey, nullptr); });
-}
-
-size_t roundToPages(size_t size)
-{
-    size_t p = get_pagesize();
-    return size == 0 ? p : (size + p - 1) / p * p;
 }
 
 /* Bytes at the top of a caller-supplied stack that a thread uses before
@@ -497,122 +490,7 @@ void* pthread_wrapper(void* p)
     return nullptr;
 }
 
-/* The reaper's part of the live-task table: a task about to be joined may
- * no longer be signalled; a joined and unlisted one is gone. */
-void markJoining(pthread_t tid)
-{
-    LiveTasks& live = liveTasks();
-    LiveTasks::Guard guard(live);
-    auto it = live.joining.find(tid);
-    if (it != live.joining.end()) {
-        it->second = true;
-    }
-}
-
-void markReaped(pthread_t tid)
-{
-    LiveTasks& live = liveTasks();
-    LiveTasks::Guard guard(live);
-    live.joining.erase(tid);
-    live.notifyAll();
-}
-
-void* threadReaperMain(void* p)
-{
-    auto* ctx = static_cast<CreateContext*>(p);
-    gReaperLwp = kvos_os::currentLwp();
-    registerTask(ctx->name, gReaperLwp, pthread_self(), ctx->stack, ctx->stackSize, nullptr, 0);
-    free(ctx);
-    for (;;) {
-        void* m = nullptr;
-        if (KVOS_ptrqPend(threadReaperQueue, &m) != 1) {
-            continue;
-        }
-        if (m == &gReaperStop) {
-            break;
-        }
-        auto* msg = static_cast<ThreadInfo*>(m);
-        switch (msg->taken) {
-        case 0:
-            KVLOG_DEBUG(kvos_logger(), kvp("Detail", "Received thread starting") << kvp("LWP", msg->pid));
-            kvos_taskListAdd(msg->name, msg->pid, msg->tid, msg->stack, msg->stackSize, msg->signalStack,
-                             msg->signalStackSize);
-            break;
-        case 1:
-            KVLOG_DEBUG(kvos_logger(), kvp("Detail", "Received thread exiting") << kvp("LWP", msg->pid));
-            markJoining(msg->tid);
-            pthread_join(msg->tid, nullptr);
-            unregisterTask(msg->pid, msg->tid);
-            markReaped(msg->tid);
-            break;
-        default:
-            KVLOG_ERROR(kvos_logger(), kvp("Detail", "Unknown thread reaper command") << kvp("Command", msg->taken));
-            break;
-        }
-        free(msg);
-    }
-    LiveTasks& live = liveTasks();
-    LiveTasks::Guard guard(live);
-    live.reaperDone = true;
-    live.notifyAll();
-    return nullptr;
-}
-
 }  // namespace
-
-size_t get_pagesize(void)
-{
-    static const size_t pagesize = [] {
-        long p = sysconf(_SC_PAGESIZE);
-        if (p == -1) {
-            KVLOG_ERROR(kvos_logger(), kvp("Detail", "Call to sysconf(_SC_PAGESIZE) failed. Setting pagesize to 4k."));
-            return static_cast<size_t>(4096);
-        }
-        return static_cast<size_t>(p);
-    }();
-    return pagesize;
-}
-
-void* allocate_stack(size_t size)
-{
-    size_t p = get_pagesize();
-    size_t usable = roundToPages(size);
-    if (usable < size || usable > SIZE_MAX - 2 * p) {
-        errno = ENOMEM;
-        KVLOG_ERROR(kvos_logger(), kvp("Detail", "Allocation of stack failed"));
-        errno = ENOMEM;
-        return nullptr;
-    }
-    void* block = mmap(nullptr, usable + 2 * p, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
-                       -1, 0);
-    if (block == MAP_FAILED) {
-        int err = errno;
-        KVLOG_ERROR(kvos_logger(), kvp("Detail", "Allocation of stack failed"));
-        errno = err;
-        return nullptr;
-    }
-    auto* base = static_cast<char*>(block);
-    mprotect(base, p, PROT_NONE);
-    mprotect(base + p + usable, p, PROT_NONE);
-    auto* word = reinterpret_cast<uint32_t*>(base + p);
-    for (size_t i = 0; i < usable / sizeof(uint32_t); ++i) {
-        word[i] = KVOS_STACK_MARKER;
-    }
-    return base + p;
-}
-
-void deallocate_stack(void* stack, size_t size)
-{
-    if (stack == nullptr) {
-        return;
-    }
-    size_t p = get_pagesize();
-    size_t usable = roundToPages(size);
-    auto* base = static_cast<char*>(stack) - p;
-    mprotect(base, p, PROT_READ | PROT_WRITE);
-    mprotect(base + p + usable, p, PROT_READ | PROT_WRITE);
-    munmap(base, usable + 2 * p);
-}
 
 KVOS_TASK_ID KVOS_taskCreate(KVOS_TASK_ENTRY entry, void* arg, KVOS_TASK_ATTR* attr)
 {
@@ -713,18 +591,6 @@ KVOS_TASK_ID KVOS_taskCreate(KVOS_TASK_ENTRY entry, void* arg, KVOS_TASK_ATTR* a
     return tid;
 }
 
-KVOS_TASK_ID KVOS_taskCreateOld(KVOS_TASK_ENTRY entry, KVOS_TASK_PRI priority, void* arg, const char* name,
-                                int stackSize)
-{
-    KVOS_TASK_ATTR* attr = KVOS_taskAttrCreate();
-    KVOS_taskAttrSetPriority(attr, priority);
-    KVOS_taskAttrSetName(attr, name);
-    KVOS_taskAttrSetStackSize(attr, static_cast<unsigned>(stackSize));
-    KVOS_TASK_ID tid = KVOS_taskCreate(entry, arg, attr);
-    KVOS_taskAttrDestroy(attr);
-    return tid;
-}
-
 KVOS_TASK_ID KVOS_taskID(void)
 {
     return pthread_self();
@@ -794,22 +660,6 @@ bool KVOS_setAffinity(KVOS_TASK_ID tid, unsigned long cpu)
 
 namespace {
 
-/* Whether a thread's handle may be used: a task the reaper is joining (or
- * has joined) may not; a listed thread that is not a task in the table
- * (the reaper, a task that ended through KVOS_taskExit) keeps its stack,
- * and so its handle, while it is listed. Called under "taskListLock". */
-bool signalIfNotJoining(KVOS_TASK_ID tid)
-{
-    LiveTasks& live = liveTasks();
-    LiveTasks::Guard guard(live);
-    auto it = live.joining.find(tid);
-    if (it != live.joining.end() && it->second) {
-        return false;
-    }
-    pthread_kill(tid, SIGUSR1);
-    return true;
-}
-
 bool tidGone(int lwp)
 {
     return lwp == 0 || (syscall(SYS_tgkill, getpid(), lwp, 0) != 0 && errno == ESRCH);
@@ -840,15 +690,6 @@ void stopReaper(const struct timespec& deadline)
 }
 
 }  // namespace
-
-void KVOS_taskBacktraceAllOtherTasks(void)
-{
-    for (const TaskRef& ref : kvos_taskListSnapshot()) {
-        if (!pthread_equal(ref.tid, pthread_self()) && kvos_taskListWithListed(ref, signalIfNotJoining)) {
-            KVOS_msleep(200);
-        }
-    }
-}
 
 int kvos_task_cancel_all(void)
 {
@@ -886,42 +727,6 @@ KVOS_PTRQ_ID kvos_task_reaper_queue(void)
     return threadReaperQueue;
 }
 
-namespace {
-[[noreturn]] void reaperFault(const std::string& reason)
-{
-    KVLOG_ERROR(kvos_logger(), kvp("Detail", "Thread creation failed") << kvp("Name", "reaperT")
-                                                                      << kvp("Reason", reason));
-    abort();
-}
-}  // namespace
-
-void kvos_task_init(void)
-{
-    ensureExitKey();
-    auto* ctx = static_cast<CreateContext*>(calloc(1, sizeof(CreateContext)));
-    ctx->name = strdup("reaperT");
-    ctx->stackSize = KVOS_TASK_MIN_STACK;
-    ctx->stack = allocateTaskStack(ctx->stackSize);
-    if (ctx->stack == nullptr) {
-        reaperFault("Failed to allocate stack space");
-    }
-    threadReaperQueue = KVOS_ptrqCreate("reaperQ", 20);
-    if (threadReaperQueue == KVOS_NO_PTRQ_ID) {
-        reaperFault("Failed to create reaperQ");
-    }
-
-    pthread_attr_t tattr;
-    pthread_attr_init(&tattr);
-    pthread_attr_setdetachstate(&tattr, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstack(&tattr, ctx->stack, taskStackArea(ctx->stackSize));
-    int rc = kvos_syscalls().threadCreate.load()(&threadReaper, &tattr, threadReaperMain, ctx);
-    pthread_attr_destroy(&tattr);
-    if (rc != 0) {
-        reaperFault(std::to_string(rc));
-    }
-    gReaperRunning.store(true, std::memory_order_release);
-}
-
 void kvos_task_release_stack(void* stack, size_t stackSize)
 {
     if (stack == nullptr) {
@@ -952,3 +757,92 @@ void kvos_taskReleaseCachedStacks(void)
 {
     stackCache().releaseAll();
 }
+
+namespace kvos_os {
+
+void taskSetUp()
+{
+    ensureExitKey();
+}
+
+void* taskStackAllocate(size_t size)
+{
+    return allocateTaskStack(size);
+}
+
+int startDetachedTask(void* stack, size_t stackSize, void* (*main)(void*), void* arg)
+{
+    pthread_attr_t tattr;
+    pthread_attr_init(&tattr);
+    pthread_attr_setdetachstate(&tattr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstack(&tattr, stack, taskStackArea(stackSize));
+    pthread_t tid;
+    int rc = kvos_syscalls().threadCreate.load()(&tid, &tattr, main, arg);
+    pthread_attr_destroy(&tattr);
+    return rc;
+}
+
+void setReaperQueue(ptrqueue_t* q)
+{
+    threadReaperQueue = q;
+}
+
+void reaperStarted()
+{
+    gReaperRunning.store(true, std::memory_order_release);
+}
+
+int reaperThreadBegins()
+{
+    gReaperLwp = currentLwp();
+    return gReaperLwp;
+}
+
+bool isReaperStop(const void* msg)
+{
+    return msg == &gReaperStop;
+}
+
+void reaperJoin(pthread_t tid)
+{
+    LiveTasks& live = liveTasks();
+    {
+        // From here on the task may no longer be signalled.
+        LiveTasks::Guard guard(live);
+        auto it = live.joining.find(tid);
+        if (it != live.joining.end()) {
+            it->second = true;
+        }
+    }
+    pthread_join(tid, nullptr);
+}
+
+void reaperReaped(pthread_t tid)
+{
+    LiveTasks& live = liveTasks();
+    LiveTasks::Guard guard(live);
+    live.joining.erase(tid);
+    live.notifyAll();
+}
+
+void reaperEnds()
+{
+    LiveTasks& live = liveTasks();
+    LiveTasks::Guard guard(live);
+    live.reaperDone = true;
+    live.notifyAll();
+}
+
+bool signalIfNotJoining(KVOS_TASK_ID tid)
+{
+    LiveTasks& live = liveTasks();
+    LiveTasks::Guard guard(live);
+    auto it = live.joining.find(tid);
+    if (it != live.joining.end() && it->second) {
+        return false;
+    }
+    pthread_kill(tid, SIGUSR1);
+    return true;
+}
+
+}  // namespace kvos_os
