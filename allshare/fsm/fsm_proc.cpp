@@ -20,7 +20,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <sstream>
 #include <vector>
 
 #include "abstraction/kvos.h"
@@ -417,33 +416,6 @@ PROC_DATA* fsm_getDummyProcData(void)
 {
     clearProcData(&sDummyProcData);
     return &sDummyProcData;
-}
-
-void fsm_dumpAllProc(std::ostream& os)
-{
-    GLOB_DATA* glob = sys_getGlob();
-    os << "\n*** Dumping proc start\n";
-    for (size_t i = 0; i < glob->numberOfFsmTasks; ++i) {
-        const PROC_DATA* p = &glob->fsmTasks[i].procData;
-        char line[256];
-        if (glob->fsmTasks[i].RtosTid == KVOS_NO_TASK_ID || p->ProcSELF.Spec == NO_SPECIE) {
-            snprintf(line, sizeof(line), "%p: no proc data\n", static_cast<const void*>(p));
-        } else {
-            snprintf(line, sizeof(line), "%p: %s-%d message %s from %s-%d\n", static_cast<const void*>(p),
-                     safeSpecName(p->ProcSELF.Spec), static_cast<int>(p->ProcSELF.Ind), safeMsgName(p->ProcMsgName),
-                     safeSpecName(p->ProcSENDER.Spec), static_cast<int>(p->ProcSENDER.Ind));
-        }
-        os << line;
-    }
-    os << "*** Dumping proc end\n";
-}
-
-void fsm_dumpAllProc(void)
-{
-    std::ostringstream os;
-    fsm_dumpAllProc(os);
-    fputs(os.str().c_str(), stdout);
-    fflush(stdout);
 }
 
 namespace fsm_detail {

@@ -72,15 +72,6 @@ private:
 
 }  // namespace
 
-Profiling::Profiling() : profiling(false), clockfn(KVOS_threadClock), lock{nullptr} {}
-
-Profiling::~Profiling()
-{
-    if (lock.opaque_mutex != nullptr) {
-        KVOS_mutexDelete(&lock);
-    }
-}
-
 KVOS_MUTEX* Profiling::mapLock()
 {
     std::call_once(lockOnce_, [this] { KVOS_mutexCreate(&lock, "fsmProfiling"); });

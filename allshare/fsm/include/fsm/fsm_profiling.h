@@ -30,6 +30,7 @@
 #include <ostream>
 #include <unordered_map>
 
+#include "abstraction/kvos.h"
 #include "abstraction/kvos_mutex.h"
 #include "fsm/fsm_types.h"
 
@@ -49,11 +50,19 @@ typedef struct ProfilingData {
     struct timespec accum;
 } ProfilingData;
 
-/** The per-message timing table; the process's one is GLOB_DATA.profiling. */
+/** The per-message timing table; the process's one is GLOB_DATA.profiling.
+ * Construction and destruction are inline: the process record holds one by
+ * value, and building or tearing it down needs only this type and KVOS, not
+ * the table's code. */
 class Profiling {
 public:
-    Profiling();
-    ~Profiling();
+    Profiling() : profiling(false), clockfn(KVOS_threadClock), lock{nullptr} {}
+    ~Profiling()
+    {
+        if (lock.opaque_mutex != nullptr) {
+            KVOS_mutexDelete(&lock);
+        }
+    }
     Profiling(const Profiling&) = delete;
     Profiling& operator=(const Profiling&) = delete;
 
