@@ -24,10 +24,12 @@
 #include <string.h>
 
 #include <string>
+#include <new>
 #include <string_view>
 #include <vector>
 
 #include "kvnet/kvnet_route.h"
+#include "linux/kvnet_os.h"
 
 namespace {
 
@@ -251,6 +253,24 @@ KV_RET KVNET_parseRoutes(NET_ADDR_TYPE family, const char* text, size_t len, KVN
         }
     }
     return static_cast<KV_RET>(rows);
+}
+
+KV_RET KVNET_readRoutes(NET_ADDR_TYPE family, KVNET_ROUTE* out, size_t max)
+{
+    if ((family != NET_ADDR_TYPE_IPV4 && family != NET_ADDR_TYPE_IPV6) || (out == nullptr && max != 0)) {
+        errno = EINVAL;
+        return KV_RET_ERROR;
+    }
+    std::string text;
+    try {
+        if (!kvnet_os::readRouteTable(family, &text)) {
+            return KV_RET_ERROR;
+        }
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return KV_RET_ERROR;
+    }
+    return KVNET_parseRoutes(family, text.data(), text.size(), out, max);
 }
 
 KV_RET KVNET_getDefaultGateway(NET_ADDR_TYPE family, NET_ADDR* gateway, int* ifIndex)

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "kvnet/kvnet_route.h"
+#include "linux/kvnet_os.h"
 
 namespace {
 
@@ -45,29 +46,14 @@ bool readWhole(const char* path, std::string* out)
 
 }  // namespace
 
-KV_RET KVNET_readRoutes(NET_ADDR_TYPE family, KVNET_ROUTE* out, size_t max)
+bool kvnet_os::readRouteTable(NET_ADDR_TYPE family, std::string* text)
 {
-    const char* path = family == NET_ADDR_TYPE_IPV4   ? KVNET_ROUTE_TABLE_IPV4
-                       : family == NET_ADDR_TYPE_IPV6 ? KVNET_ROUTE_TABLE_IPV6
-                                                      : nullptr;
-    if (path == nullptr || (out == nullptr && max != 0)) {
-        errno = EINVAL;
-        return KV_RET_ERROR;
-    }
+    const char* path = family == NET_ADDR_TYPE_IPV4 ? KVNET_ROUTE_TABLE_IPV4 : KVNET_ROUTE_TABLE_IPV6;
     // /proc/net shows the namespace of the process's main thread; the
     // calling thread's own view is under /proc/thread-self (Linux 3.17+).
     std::string own = std::string("/proc/thread-self/net/") + (family == NET_ADDR_TYPE_IPV4 ? "route" : "ipv6_route");
-    std::string text;
-    try {
-        bool threadView = access("/proc/thread-self", F_OK) == 0;
-        if (!readWhole(threadView ? own.c_str() : path, &text)) {
-            return KV_RET_ERROR;
-        }
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        return KV_RET_ERROR;
-    }
-    return KVNET_parseRoutes(family, text.data(), text.size(), out, max);
+    bool threadView = access("/proc/thread-self", F_OK) == 0;
+    return readWhole(threadView ? own.c_str() : path, text);
 }
 
 int KVNET_ifIndex(const char* name)
