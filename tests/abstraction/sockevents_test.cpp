@@ -9,38 +9,12 @@
 #include <set>
 #include <vector>
 
-#include "abstraction/kvos_socket.h"
-#include "support.h"
+#include "loopback.h"
 
 namespace {
 
+using kvos_test::Pair;
 using kvos_test::SeamScope;
-
-/* A connected loopback pair made without the event set. */
-struct Pair {
-    KVNET_SOCK_ID client = KVNET_SOCK_ID_UNDEF, server = KVNET_SOCK_ID_UNDEF;
-    Pair()
-    {
-        NET_ADDR a;
-        NET_ADDR_setLoopback(&a, NET_ADDR_TYPE_IPV4);
-        KVNET_SOCK_ID l = KVOS_sockCreate(NET_ADDR_TYPE_IPV4, NET_PROTO_TCP);
-        EXPECT_EQ(KVOS_sockBind(l, &a), KV_RET_OK);
-        EXPECT_EQ(KVOS_sockListen(l, 4), KV_RET_OK);
-        KVOS_sockLocalAddress(l, &a);
-        EXPECT_EQ(KVOS_makeConnection(&a, nullptr, nullptr, 2000, &client), KV_RET_OK);
-        EXPECT_EQ(KVOS_sockAccept(l, &server, nullptr, 2000), KV_RET_OK);
-        KVOS_sockClose(l);
-    }
-    ~Pair()
-    {
-        if (client != KVNET_SOCK_ID_UNDEF) {
-            KVOS_sockClose(client);
-        }
-        if (server != KVNET_SOCK_ID_UNDEF) {
-            KVOS_sockClose(server);
-        }
-    }
-};
 
 class SockEvents : public ::testing::Test {
 protected:

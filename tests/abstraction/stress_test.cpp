@@ -1,85 +1,10 @@
-/* Concurrency under load: producers and consumers on one queue, and
- * thousands of short tasks through the reaper. */
+/* Concurrency under load: thousands of short tasks through the reaper.
+ * (Producers and consumers under load are in ptrq_test.cpp.) */
 #include <fstream>
 
 #include "support.h"
 
 using namespace kvos_test;
-
-TEST(KvosStressTest, EveryAcceptedPostIsDeliveredOnceInProducerOrder)
-{
-    constexpr unsigned kProducers = 4, kConsumers = 3, kPerProducer = 20000;
-    constexpr uintptr_t kStop = ~static_cast<uintptr_t>(0);
-    KVOS_PTRQ_ID q = KVOS_ptrqCreate("STRESSQ", 64);
-    // Entries are producer << 32 | seq, plus 1 so none is null. owed: 1 for
-    // an accepted post, less one per delivery; 0 everywhere in the end.
-    std::vector<std::vector<int>> owed(kProducers, std::vector<int>(kPerProducer, 0));
-    std::vector<std::vector<uintptr_t>> received(kConsumers);
-
-    std::vector<std::thread> consumers, producers;
-    for (unsigned c = 0; c < kConsumers; ++c) {
-        consumers.emplace_back([&, c] {
-            for (;;) {
-                void* p = nullptr;
-                if (c % 2 == 0) {  // the others pend with a timeout
-                    ASSERT_EQ(1, KVOS_ptrqPend(q, &p));
-                } else if (KV_RET r = KVOS_ptrqPendTimeout(q, &p, 5); r != KV_RET_OK) {
-                    ASSERT_EQ(KV_RET_TIMEOUT, r);
-                    continue;
-                }
-                if (reinterpret_cast<uintptr_t>(p) == kStop) {
-                    return;
-                }
-                received[c].push_back(reinterpret_cast<uintptr_t>(p) - 1);
-            }
-        });
-    }
-    for (unsigned pr = 0; pr < kProducers; ++pr) {
-        producers.emplace_back([&, pr] {
-            for (unsigned seq = 0; seq < kPerProducer; ++seq) {  // a refused post is not retried
-                owed[pr][seq] = KVOS_ptrqPost(q, reinterpret_cast<void*>((uintptr_t{pr} << 32 | seq) + 1)) == 1;
-                if (!owed[pr][seq]) {
-                    std::this_thread::yield();
-                }
-            }
-        });
-    }
-    for (auto& t : producers) {
-        t.join();
-    }
-    for (unsigned c = 0; c < kConsumers; ++c) {
-        while (KVOS_ptrqPost(q, reinterpret_cast<void*>(kStop)) != 1) {
-            std::this_thread::yield();
-        }
-    }
-    for (auto& t : consumers) {
-        t.join();
-    }
-
-    size_t delivered = 0;
-    for (unsigned c = 0; c < kConsumers; ++c) {
-        std::vector<long> last(kProducers, -1);
-        for (uintptr_t v : received[c]) {
-            unsigned pr = static_cast<unsigned>(v >> 32), seq = static_cast<unsigned>(v);
-            ASSERT_TRUE(pr < kProducers && seq < kPerProducer) << v;
-            EXPECT_GT(static_cast<long>(seq), last[pr]) << "consumer " << c << " producer " << pr;
-            last[pr] = seq;
-            --owed[pr][seq];
-        }
-        delivered += received[c].size();
-    }
-    for (unsigned pr = 0; pr < kProducers; ++pr) {
-        for (unsigned seq = 0; seq < kPerProducer; ++seq) {
-            ASSERT_EQ(0, owed[pr][seq]) << "producer " << pr << " seq " << seq << ": -1 refused or twice, 1 lost";
-        }
-    }
-    EXPECT_GT(delivered, 0u);
-    EXPECT_EQ(delivered + kConsumers, q->numberInserted);
-    EXPECT_EQ(q->numberInserted, q->numberRemoved);
-    EXPECT_GE(q->timesFull, kProducers * kPerProducer - delivered);
-    EXPECT_EQ(0u, q->size);
-    KVOS_ptrqDelete(q);
-}
 
 namespace {
 

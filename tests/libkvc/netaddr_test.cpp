@@ -188,44 +188,42 @@ TEST(NetAddrText, LongestTextFitsTheDeclaredSize)
     EXPECT_LT(n, NET_ADDR_STRLEN);
 }
 
-TEST(NetAddrSockaddr, IPv4BothWays)
+// Each family converts both ways, refuses the other family's record, and
+// "no port" is port 0 on the wire (port 0 comes back as no port).
+TEST(NetAddrSockaddr, EachFamilyBothWays)
 {
-    NET_ADDR a = parsed("192.0.2.1:5060");
-    sockaddr_in sin;
-    ASSERT_TRUE(NET_ADDR_toSockaddrIn(&a, &sin));
-    EXPECT_EQ(sin.sin_family, AF_INET);
-    EXPECT_EQ(ntohs(sin.sin_port), 5060);
-    EXPECT_EQ(ntohl(sin.sin_addr.s_addr), 0xC0000201u);
-    NET_ADDR back;
-    NET_ADDR_fromSockaddrIn(&back, &sin);
-    EXPECT_TRUE(NET_ADDR_equal(&a, &back));
-
-    sockaddr_in6 sin6;
-    EXPECT_FALSE(NET_ADDR_toSockaddrIn6(&a, &sin6));
-
-    // No port is port 0 on the wire, and port 0 comes back as no port.
-    a = parsed("192.0.2.1");
-    ASSERT_TRUE(NET_ADDR_toSockaddrIn(&a, &sin));
-    EXPECT_EQ(sin.sin_port, 0);
-    NET_ADDR_fromSockaddrIn(&back, &sin);
-    EXPECT_FALSE(NET_ADDR_hasPort(&back));
-}
-
-TEST(NetAddrSockaddr, IPv6WithScopeBothWays)
-{
-    NET_ADDR a = parsed("[fe80::1%7]:443");
-    sockaddr_in6 sin6;
-    ASSERT_TRUE(NET_ADDR_toSockaddrIn6(&a, &sin6));
-    EXPECT_EQ(sin6.sin6_family, AF_INET6);
-    EXPECT_EQ(ntohs(sin6.sin6_port), 443);
-    EXPECT_EQ(sin6.sin6_scope_id, 7u);
-    EXPECT_EQ(sin6.sin6_addr.s6_addr[0], 0xfe);
-    EXPECT_EQ(sin6.sin6_addr.s6_addr[15], 1);
-    NET_ADDR back;
-    NET_ADDR_fromSockaddrIn6(&back, &sin6);
-    EXPECT_TRUE(NET_ADDR_equal(&a, &back));
-    sockaddr_in sin;
-    EXPECT_FALSE(NET_ADDR_toSockaddrIn(&a, &sin));
+    struct Row {
+        const char* text;
+        int wirePort;
+        uint8_t first, last;  // first and last address byte
+        uint32_t scope;
+    } rows[] = {{"192.0.2.1:5060", 5060, 192, 1, 0}, {"192.0.2.1", 0, 192, 1, 0},
+                {"[fe80::1%7]:443", 443, 0xfe, 1, 7}, {"fe80::2", 0, 0xfe, 2, 0}};
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.text);
+        NET_ADDR a = parsed(r.text), back;
+        sockaddr_in sin;
+        sockaddr_in6 sin6;
+        if (a.type_ == NET_ADDR_TYPE_IPV4) {
+            EXPECT_FALSE(NET_ADDR_toSockaddrIn6(&a, &sin6));
+            ASSERT_TRUE(NET_ADDR_toSockaddrIn(&a, &sin));
+            EXPECT_EQ(sin.sin_family, AF_INET);
+            EXPECT_EQ(ntohs(sin.sin_port), r.wirePort);
+            EXPECT_EQ(ntohl(sin.sin_addr.s_addr), uint32_t{r.first} << 24 | 2u << 8 | r.last);
+            NET_ADDR_fromSockaddrIn(&back, &sin);
+        } else {
+            EXPECT_FALSE(NET_ADDR_toSockaddrIn(&a, &sin));
+            ASSERT_TRUE(NET_ADDR_toSockaddrIn6(&a, &sin6));
+            EXPECT_EQ(sin6.sin6_family, AF_INET6);
+            EXPECT_EQ(ntohs(sin6.sin6_port), r.wirePort);
+            EXPECT_EQ(sin6.sin6_scope_id, r.scope);
+            EXPECT_EQ(sin6.sin6_addr.s6_addr[0], r.first);
+            EXPECT_EQ(sin6.sin6_addr.s6_addr[15], r.last);
+            NET_ADDR_fromSockaddrIn6(&back, &sin6);
+        }
+        EXPECT_TRUE(NET_ADDR_equal(&a, &back));
+        EXPECT_EQ(NET_ADDR_hasPort(&back), r.wirePort != 0);
+    }
 }
 
 TEST(NetAddrSockaddr, GenericConversionChecksFamilyAndSize)
@@ -462,10 +460,6 @@ TEST(NetAddrCompare, TotalOrder)
         }
     }
 }
-
-}  // namespace
-
-namespace {
 
 TEST(NetAddrDeathTest, NullRecordsAreProgrammingFaults)
 {
