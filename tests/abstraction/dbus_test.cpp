@@ -9,6 +9,8 @@
 
 #include <dbus-c++/dbus.h>
 #include <dbus/dbus.h>
+#include <string>
+#include <unistd.h>
 
 #include "abstraction/dbusthread.h"
 #include "support.h"
@@ -170,9 +172,12 @@ TEST(DBusThreadDeathTest, InversionsWithOurLocksThroughLibdbusAreReported)
     EXPECT_EXIT(
         {
             // A peer-to-peer connection to a listener of our own: no daemon.
+            // An abstract socket, because TSan ends this child before any
+            // clean-up could remove a socket file.
             DBusError err;
             dbus_error_init(&err);
-            DBusServer* server = dbus_server_listen("unix:tmpdir=/tmp", &err);
+            const std::string listen = "unix:abstract=kvos-test-" + std::to_string(getpid());
+            DBusServer* server = dbus_server_listen(listen.c_str(), &err);
             char* address = server ? dbus_server_get_address(server) : nullptr;
             DBusConnection* conn = address ? dbus_connection_open_private(address, &err) : nullptr;
             if (conn == nullptr) {
