@@ -4,13 +4,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <mutex>
+#include <string>
 
 #include <dbus-c++/dbus.h>
 #include <dbus/dbus.h>
-#include <string>
-#include <unistd.h>
 
 #include "abstraction/dbusthread.h"
 #include "support.h"
