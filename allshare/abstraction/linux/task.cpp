@@ -159,9 +159,10 @@ bool reaperRunning()
 
 /* Contexts of threads whose creation failed. They are deliberately never
  * released (a failed creation may not leave them unused); keeping them here
- * says so to the leak checker. */
+ * says so to the leak checker. The list itself is never destroyed, so they
+ * stay reachable after static destruction, when the leak checker looks. */
 std::mutex gAbandonedLock;
-std::vector<void*> gAbandoned;
+std::vector<void*>& gAbandoned = *new std::vector<void*>;
 
 void ensureExitKey()
 {
